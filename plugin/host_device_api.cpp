@@ -1,0 +1,22 @@
+// The host implementation of the Device API table. Slots are null until their operation
+// family provides its host function; the exports never reach a null slot.
+#include "plugin/device_api.h"
+
+namespace zarvel::aux {
+
+namespace {
+constexpr DeviceApi kHostDeviceApi = {
+    /*resize=*/nullptr,
+    /*rotate=*/nullptr,
+    /*warp_affine=*/nullptr,
+    /*warp_perspective=*/nullptr,
+    /*cvt_color=*/nullptr,
+    /*equalize_hist=*/nullptr,
+    /*to_tensor=*/nullptr,
+    /*transform_to_tensor=*/nullptr,
+};
+}  // namespace
+
+const DeviceApi& host_device_api() { return kHostDeviceApi; }
+
+}  // namespace zarvel::aux

@@ -1,0 +1,36 @@
+/* The public headers compile as C, and the C entry points link and run from C. */
+#include <stdio.h>
+#include <string.h>
+#include <zarvel/aux.h>
+#include <zarvel/core.h>
+#include <zarvel/frame.h>
+
+static int captured;
+static void sink(void* user, const zarvel_log_record_t* record, const char* text) {
+  (void)user;
+  if (record->level == 4 && strcmp(record->tag, "aux") == 0 && strcmp(text, "x=7\n") == 0)
+    captured++;
+}
+
+int main(void) {
+  int failures = 0;
+  zarvel_log_record_t record = {4, "aux", __LINE__};
+  zarvel_log_set_sink(sink, NULL);
+  zarvel_log(&record, "x=%d\n", 7);
+  zarvel_log_set_sink(NULL, NULL);
+  if (captured != 1) failures++;
+
+  if (strcmp(__plugin_name(), "zarvel_aux") != 0) failures++;
+  if (strcmp(zarvel_aux_version(), "1.4.1") != 0) failures++;
+
+  zarvel_frame_t* frame = zarvel_frame_alloc(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_NV12, 4, 2, NULL, 0);
+  if (frame == NULL || frame->plane_count != 2 || !zarvel_frame_is_contiguous(frame)) failures++;
+  zarvel_frame_free(&frame);
+  if (frame != NULL) failures++;
+
+  Size2D size = {3, 2};
+  Area2D area = {0, 0, size.width, size.height};
+  (void)area;
+  printf("c api: %d failures\n", failures);
+  return failures == 0 ? 0 : 1;
+}
