@@ -7,6 +7,8 @@ add_compile_options(-ffp-contract=off -Wall -Wextra -Wno-unused-parameter)
 if(ZARVEL_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
+  # GCC reports false positives inside std::function and std::regex with these flags.
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wno-maybe-uninitialized>)
   add_link_options(-fsanitize=address,undefined -fno-sanitize-recover=all)
 endif()
 

@@ -2,11 +2,13 @@
 // family provides its host function; the exports never reach a null slot.
 #include "plugin/device_api.h"
 
+#include "ops/crop_resize/crop_resize.h"
+
 namespace zarvel::aux {
 
 namespace {
 constexpr DeviceApi kHostDeviceApi = {
-    /*resize=*/nullptr,
+    /*resize=*/host_resize,
     /*rotate=*/nullptr,
     /*warp_affine=*/nullptr,
     /*warp_perspective=*/nullptr,

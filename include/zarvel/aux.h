@@ -36,6 +36,19 @@ ZARVEL_AUX_API const char* zarvel_aux_revision(void);
 /* A multi-line banner describing the build, ending in two newlines. */
 ZARVEL_AUX_API const char* zarvel_aux_meta(void);
 
+/* ---- crop, resize, scale ----
+ * The output slot: when *dst is null the operation allocates the output (the caller frees it
+ * with zarvel_frame_free); otherwise *dst must have the source's memory type and pixel format
+ * and be at least the required size. */
+
+/* Cuts out `area`; parts outside the source become black (luma 0, chroma 128) in a new
+ * output and keep their contents in a caller-supplied one. */
+ZARVEL_AUX_API int32_t zarvel_frame_crop(zarvel_frame_t* src, zarvel_frame_t** dst, Area2D area);
+/* Bilinear resampling to `size` (fixed point, 11-bit weights), plane by plane. */
+ZARVEL_AUX_API int32_t zarvel_frame_resize(zarvel_frame_t* src, zarvel_frame_t** dst, Size2D size);
+/* Resize to the source size times `ratio`, truncated toward zero. */
+ZARVEL_AUX_API int32_t zarvel_frame_scale(zarvel_frame_t* src, zarvel_frame_t** dst, float ratio);
+
 #ifdef __cplusplus
 }
 #endif
