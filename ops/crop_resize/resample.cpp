@@ -64,134 +64,146 @@ class Carver {
 
 }  // namespace
 
-int32_t resample_plane(const uint8_t* src, int32_t sw, int32_t sh, int32_t src_stride, uint8_t* dst,
-                       int32_t dw, int32_t dh, int32_t dst_stride, int32_t channels) {
-  if (sw <= 0 || sh <= 0 || dw <= 0 || dh <= 0) return kOk;
-  if (static_cast<int64_t>(dw) * channels > (int64_t{1} << 28) ||
+int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int32_t channels) {
+  if (sw <= 0 || sh <= 0 || dw <= 0 || dh <= 0 || channels <= 0 ||
+      static_cast<int64_t>(dw) * channels > (int64_t{1} << 28) ||
       static_cast<int64_t>(sw) * channels > (int64_t{1} << 28)) {
     return kFailed;
   }
-  const bool avx2 = (cpu_features() & kCpuAvx2) != 0;
-  const int n = dw * channels;  // output elements per row
-  const int groups = (n + 3) / 4;
-  const int step = sw >= 2 ? channels : 0;
+  avx2_ = (cpu_features() & kCpuAvx2) != 0;
+  sh_ = sh;
+  dh_ = dh;
+  n_ = dw * channels;  // output elements per row
+  step_ = sw >= 2 ? channels : 0;
+  const int groups = (n_ + 3) / 4;
 
   // One scratch block for the tables and two rows of horizontal sums.
-  const size_t total = 4 * align_up(sizeof(int32_t) * n) + 2 * align_up(sizeof(int32_t) * groups) +
+  const size_t total = 4 * align_up(sizeof(int32_t) * n_) + 2 * align_up(sizeof(int32_t) * groups) +
                        align_up(sizeof(AxisTap) * dw) + align_up(sizeof(AxisTap) * dh) +
-                       2 * align_up(sizeof(int16_t) * n);
-  std::unique_ptr<uint8_t, decltype(&std::free)> block(
-      static_cast<uint8_t*>(std::aligned_alloc(64, align_up(total))), &std::free);
-  if (!block) return kFailed;
-  Carver carve(block.get());
-  auto* ofs = carve.take<int32_t>(n);
-  auto* weights = carve.take<int32_t>(n);
-  auto* shuffle = carve.take<uint32_t>(n);
-  auto* base = carve.take<int32_t>(groups);
-  auto* split_hi = carve.take<int32_t>(groups);
+                       2 * align_up(sizeof(int16_t) * n_);
+  block_.reset(static_cast<uint8_t*>(std::aligned_alloc(64, align_up(total))));
+  if (!block_) return kFailed;
+  Carver carve(block_.get());
+  ofs_ = carve.take<int32_t>(n_);
+  weights_ = carve.take<int32_t>(n_);
+  shuffle_ = carve.take<uint32_t>(n_);
+  base_ = carve.take<int32_t>(groups);
+  split_hi_ = carve.take<int32_t>(groups);
   auto* col_taps = carve.take<AxisTap>(dw);
-  auto* row_taps = carve.take<AxisTap>(dh);
-  int16_t* sums[2] = {carve.take<int16_t>(n), carve.take<int16_t>(n)};
+  row_taps_ = carve.take<AxisTap>(dh);
+  sums_[0] = carve.take<int16_t>(n_);
+  sums_[1] = carve.take<int16_t>(n_);
 
   compute_axis_taps(sw, dw, col_taps);
-  compute_axis_taps(sh, dh, row_taps);
+  compute_axis_taps(sh, dh, row_taps_);
   for (int dx = 0; dx < dw; ++dx) {
     const uint32_t pair = static_cast<uint16_t>(col_taps[dx].w0) |
                           (static_cast<uint32_t>(static_cast<uint16_t>(col_taps[dx].w1)) << 16);
     for (int c = 0; c < channels; ++c) {
-      ofs[dx * channels + c] = col_taps[dx].index * channels + c;
-      weights[dx * channels + c] = static_cast<int32_t>(pair);
+      ofs_[dx * channels + c] = col_taps[dx].index * channels + c;
+      weights_[dx * channels + c] = static_cast<int32_t>(pair);
     }
   }
+  plan_vector_rows(sw * channels);
+  return kOk;
+}
 
-  // Vector rows, over the prefix of whole groups whose loads stay inside the row: the window
-  // form where each group of 4 elements finds its taps within 16 bytes; else, for 2 and 3
-  // channels, the split form (two 8-byte halves, one per column of the group); else the
-  // gather form. (Offsets are not monotonic element by element: the channels of one column
-  // step up, the next column may start lower.)
-  const int64_t row_bytes = static_cast<int64_t>(sw) * channels;
-  enum class Form { kWindow, kSplit, kGather } form = Form::kWindow;
+// Vector rows, over the prefix of whole groups whose loads stay inside the row: the window
+// form where each group of 4 elements finds its taps within 16 bytes; else, for 2 and 3
+// channels, the split form (two 8-byte halves, one per column of the group); else the gather
+// form. (Offsets are not monotonic element by element: the channels of one column step up,
+// the next column may start lower.)
+void PlaneResampler::plan_vector_rows(int32_t row_bytes) {
+  auto pick = [this](int32_t t0) {
+    const auto t = static_cast<uint32_t>(t0);
+    return t | 0x80u << 8 | (t + static_cast<uint32_t>(step_)) << 16 | 0x80u << 24;
+  };
+  form_ = Form::kWindow;
   int window_safe = 0;
-  for (int g = 0; g < n / 4; ++g) {
-    const int32_t* o = ofs + 4 * g;
+  for (int g = 0; g < n_ / 4; ++g) {
+    const int32_t* o = ofs_ + 4 * g;
     const int32_t lo = std::min({o[0], o[1], o[2], o[3]});
     const int32_t hi = std::max({o[0], o[1], o[2], o[3]});
     if (lo + 16 > row_bytes) break;
-    if (hi + step - lo > 15) form = Form::kSplit;
+    if (hi + step_ - lo > 15) form_ = Form::kSplit;
     window_safe = 4 * (g + 1);
   }
-  auto pick = [step](int32_t t0) {
-    const auto t = static_cast<uint32_t>(t0);
-    return t | 0x80u << 8 | (t + static_cast<uint32_t>(step)) << 16 | 0x80u << 24;
-  };
-  int split_safe = 0;
-  if (form == Form::kSplit) {
-    if (channels < 2) form = Form::kGather;
-    for (int g = 0; g < n / 4 && form == Form::kSplit; ++g) {
-      const int32_t* o = ofs + 4 * g;
-      // First tap of the group's first and last column.
-      const int32_t a = o[0] - (4 * g) % channels, b = o[3] - (4 * g + 3) % channels;
-      if (b + 8 > row_bytes) break;
-      base[g] = a;
-      split_hi[g] = b;
-      for (int k = 0; k < 4; ++k) {
-        const bool first = o[k] - a + step + 1 <= 8 && o[k] >= a && o[k] < b;
-        shuffle[4 * g + k] = first ? pick(o[k] - a) : pick(o[k] - b + 8);
-        if (!first && (o[k] < b || o[k] - b + step + 1 > 8)) form = Form::kGather;
-      }
-      if (form == Form::kSplit) split_safe = 4 * (g + 1);
-    }
-  } else {
+  if (form_ == Form::kWindow) {
     for (int g = 0; g < window_safe / 4; ++g) {
-      const int32_t* o = ofs + 4 * g;
-      base[g] = std::min({o[0], o[1], o[2], o[3]});
-      for (int k = 0; k < 4; ++k) shuffle[4 * g + k] = pick(o[k] - base[g]);
+      const int32_t* o = ofs_ + 4 * g;
+      base_[g] = std::min({o[0], o[1], o[2], o[3]});
+      for (int k = 0; k < 4; ++k) shuffle_[4 * g + k] = pick(o[k] - base_[g]);
+    }
+    vector_elements_ = window_safe;
+    return;
+  }
+  // The split form needs each column's two taps within 8 bytes: 2 or 3 channels.
+  const int channels_per_column = step_ > 0 ? step_ : 1;
+  int split_safe = 0;
+  bool split_fits = channels_per_column >= 2;
+  for (int g = 0; g < n_ / 4 && split_fits; ++g) {
+    const int32_t* o = ofs_ + 4 * g;
+    // First taps of the columns of the group's first and last element.
+    const int32_t a = o[0] - (4 * g) % channels_per_column;
+    const int32_t b = o[3] - (4 * g + 3) % channels_per_column;
+    if (b + 8 > row_bytes) break;
+    base_[g] = a;
+    split_hi_[g] = b;
+    for (int k = 0; k < 4; ++k) {
+      const bool first = o[k] >= a && o[k] < b && o[k] - a + step_ + 1 <= 8;
+      shuffle_[4 * g + k] = first ? pick(o[k] - a) : pick(o[k] - b + 8);
+      if (!first && (o[k] < b || o[k] - b + step_ + 1 > 8)) split_fits = false;
+    }
+    if (split_fits) split_safe = 4 * (g + 1);
+  }
+  if (split_fits) {
+    vector_elements_ = split_safe;
+    return;
+  }
+  form_ = Form::kGather;
+  vector_elements_ = 0;
+  while (vector_elements_ < n_ && ofs_[vector_elements_] + 4 <= row_bytes) ++vector_elements_;
+}
+
+void PlaneResampler::horizontal(const uint8_t* row, int16_t* out) const {
+  int done = 0;
+  if (avx2_) {
+    switch (form_) {
+      case Form::kWindow:
+        done = hresample_row_avx2_window(row, base_, shuffle_, weights_, out, vector_elements_);
+        break;
+      case Form::kSplit:
+        done = hresample_row_avx2_split(row, base_, split_hi_, shuffle_, weights_, out,
+                                        vector_elements_);
+        break;
+      case Form::kGather:
+        done = hresample_row_avx2_gather(row, ofs_, weights_, out, vector_elements_, step_);
+        break;
     }
   }
-  int gather_safe = 0;
-  while (gather_safe < n && ofs[gather_safe] + 4 <= row_bytes) ++gather_safe;
+  hresample_row_c(row, ofs_ + done, weights_ + done, out + done, n_ - done, step_);
+}
 
-  auto horizontal = [&](int32_t sy, int16_t* out) {
-    const uint8_t* row = src + static_cast<int64_t>(sy) * src_stride;
-    int done = 0;
-    if (avx2) {
-      switch (form) {
-        case Form::kWindow:
-          done = hresample_row_avx2_window(row, base, shuffle, weights, out, window_safe);
-          break;
-        case Form::kSplit:
-          done = hresample_row_avx2_split(row, base, split_hi, shuffle, weights, out, split_safe);
-          break;
-        case Form::kGather:
-          done = hresample_row_avx2_gather(row, ofs, weights, out, gather_safe, step);
-          break;
-      }
-    }
-    hresample_row_c(row, ofs + done, weights + done, out + done, n - done, step);
-  };
+void PlaneResampler::vertical(int32_t dy, uint8_t* out) const {
+  const int32_t b0 = row_taps_[dy].w0, b1 = row_taps_[dy].w1;
+  const int done = avx2_ ? vresample_row_avx2(sums_[0], sums_[1], b0, b1, out, n_) : 0;
+  vresample_row_c(sums_[0] + done, sums_[1] + done, b0, b1, out + done, n_ - done);
+}
 
-  // Rows of sums are cached by source row: an upscale reuses them across output rows.
-  int32_t cached[2] = {-1, -1};
-  for (int32_t dy = 0; dy < dh; ++dy) {
-    const int32_t sy0 = row_taps[dy].index;
-    const int32_t sy1 = sh >= 2 ? sy0 + 1 : sy0;
-    if (cached[0] != sy0 && cached[1] == sy0) {
-      std::swap(sums[0], sums[1]);
-      std::swap(cached[0], cached[1]);
-    }
-    if (cached[0] != sy0) {
-      horizontal(sy0, sums[0]);
-      cached[0] = sy0;
-    }
-    if (cached[1] != sy1) {
-      horizontal(sy1, sums[1]);
-      cached[1] = sy1;
-    }
-    uint8_t* out = dst + static_cast<int64_t>(dy) * dst_stride;
-    const int32_t b0 = row_taps[dy].w0, b1 = row_taps[dy].w1;
-    const int done = avx2 ? vresample_row_avx2(sums[0], sums[1], b0, b1, out, n) : 0;
-    vresample_row_c(sums[0] + done, sums[1] + done, b0, b1, out + done, n - done);
-  }
+void PlaneResampler::swap_rows(int32_t cached[2]) {
+  std::swap(sums_[0], sums_[1]);
+  std::swap(cached[0], cached[1]);
+}
+
+int32_t resample_plane(const uint8_t* src, int32_t sw, int32_t sh, int32_t src_stride, uint8_t* dst,
+                       int32_t dw, int32_t dh, int32_t dst_stride, int32_t channels) {
+  if (sw <= 0 || sh <= 0 || dw <= 0 || dh <= 0) return kOk;
+  PlaneResampler resampler;
+  const int32_t status = resampler.init(sw, sh, dw, dh, channels);
+  if (status != kOk) return status;
+  resampler.run([&](int32_t sy) { return src + static_cast<int64_t>(sy) * src_stride; },
+                [&](int32_t dy) { return dst + static_cast<int64_t>(dy) * dst_stride; },
+                [](int32_t) {});
   return kOk;
 }
 

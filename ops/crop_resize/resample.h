@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 
 namespace zarvel::aux::resample {
 
@@ -19,5 +21,58 @@ struct AxisTap {
   int16_t w1;
 };
 void compute_axis_taps(int32_t src_size, int32_t dst_size, AxisTap* taps);
+
+// The resampler of one plane geometry: tables built once, then output rows produced one at
+// a time from source rows that the caller supplies (a plane, or rows cut out of a frame on
+// the fly), so that a caller can stream each output row onward without a whole frame.
+class PlaneResampler {
+ public:
+  // Builds the tables. Returns 0, or -4 when the scratch block cannot be allocated or the
+  // geometry is out of range. Sizes must be positive.
+  int32_t init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int32_t channels);
+
+  // Produces every output row: source_row(sy) -> const uint8_t* (sw * channels bytes, valid
+  // until the next call), output_row(dy) -> uint8_t* (dw * channels bytes to fill), then
+  // row_done(dy).
+  template <class SourceRow, class OutputRow, class RowDone>
+  void run(SourceRow&& source_row, OutputRow&& output_row, RowDone&& row_done) {
+    int32_t cached[2] = {-1, -1};
+    for (int32_t dy = 0; dy < dh_; ++dy) {
+      const int32_t sy0 = row_taps_[dy].index;
+      const int32_t sy1 = sh_ >= 2 ? sy0 + 1 : sy0;
+      if (cached[0] != sy0 && cached[1] == sy0) swap_rows(cached);
+      if (cached[0] != sy0) {
+        horizontal(source_row(sy0), sums_[0]);
+        cached[0] = sy0;
+      }
+      if (cached[1] != sy1) {
+        horizontal(source_row(sy1), sums_[1]);
+        cached[1] = sy1;
+      }
+      vertical(dy, output_row(dy));
+      row_done(dy);
+    }
+  }
+
+ private:
+  enum class Form { kWindow, kSplit, kGather };
+  void plan_vector_rows(int32_t sw);
+  void horizontal(const uint8_t* row, int16_t* out) const;
+  void vertical(int32_t dy, uint8_t* out) const;
+  void swap_rows(int32_t cached[2]);
+
+  std::unique_ptr<uint8_t, decltype(&std::free)> block_{nullptr, &std::free};
+  int32_t sh_ = 0, dh_ = 0, n_ = 0, step_ = 0;
+  bool avx2_ = false;
+  Form form_ = Form::kGather;
+  int vector_elements_ = 0;  // elements the vector horizontal row may take
+  int32_t* ofs_ = nullptr;
+  int32_t* weights_ = nullptr;
+  uint32_t* shuffle_ = nullptr;
+  int32_t* base_ = nullptr;
+  int32_t* split_hi_ = nullptr;
+  AxisTap* row_taps_ = nullptr;
+  int16_t* sums_[2] = {nullptr, nullptr};
+};
 
 }  // namespace zarvel::aux::resample
