@@ -64,7 +64,8 @@ class Carver {
 
 }  // namespace
 
-int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int32_t channels) {
+int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int32_t channels,
+                             int64_t readable) {
   if (sw <= 0 || sh <= 0 || dw <= 0 || dh <= 0 || channels <= 0 ||
       static_cast<int64_t>(dw) * channels > (int64_t{1} << 28) ||
       static_cast<int64_t>(sw) * channels > (int64_t{1} << 28)) {
@@ -73,6 +74,7 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
   avx2_ = (cpu_features() & kCpuAvx2) != 0;
   sh_ = sh;
   dh_ = dh;
+  source_bytes_ = static_cast<int64_t>(sw) * channels;
   n_ = dw * channels;  // output elements per row
   step_ = sw >= 2 ? channels : 0;
   const int groups = (n_ + 3) / 4;
@@ -104,7 +106,7 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
       weights_[dx * channels + c] = static_cast<int32_t>(pair);
     }
   }
-  plan_vector_rows(sw * channels);
+  plan_vector_rows(std::max(readable, static_cast<int64_t>(sw) * channels));
   return kOk;
 }
 
@@ -113,7 +115,7 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
 // channels, the split form (two 8-byte halves, one per column of the group); else the gather
 // form. (Offsets are not monotonic element by element: the channels of one column step up,
 // the next column may start lower.)
-void PlaneResampler::plan_vector_rows(int32_t row_bytes) {
+void PlaneResampler::plan_vector_rows(int64_t row_bytes) {
   auto pick = [this](int32_t t0) {
     const auto t = static_cast<uint32_t>(t0);
     return t | 0x80u << 8 | (t + static_cast<uint32_t>(step_)) << 16 | 0x80u << 24;
@@ -203,7 +205,8 @@ int32_t resample_plane(const uint8_t* src, int32_t sw, int32_t sh, int32_t src_s
   if (status != kOk) return status;
   resampler.run([&](int32_t sy) { return src + static_cast<int64_t>(sy) * src_stride; },
                 [&](int32_t dy) { return dst + static_cast<int64_t>(dy) * dst_stride; },
-                [](int32_t) {});
+                [](int32_t) {},
+                [&](int32_t sy) { return src + static_cast<int64_t>(sy) * src_stride; });
   return kOk;
 }
 

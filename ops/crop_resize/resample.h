@@ -27,19 +27,30 @@ void compute_axis_taps(int32_t src_size, int32_t dst_size, AxisTap* taps);
 // the fly), so that a caller can stream each output row onward without a whole frame.
 class PlaneResampler {
  public:
-  // Builds the tables. Returns 0, or -4 when the scratch block cannot be allocated or the
+  // Builds the tables. `readable` is how many bytes from the start of every source row may
+  // be read (at least sw * channels; 0 means exactly that): more lets the vector rows reach
+  // the row's end. Returns 0, or -4 when the scratch block cannot be allocated or the
   // geometry is out of range. Sizes must be positive.
-  int32_t init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int32_t channels);
+  int32_t init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int32_t channels,
+               int64_t readable = 0);
 
   // Produces every output row: source_row(sy) -> const uint8_t* (sw * channels bytes, valid
   // until the next call), output_row(dy) -> uint8_t* (dw * channels bytes to fill), then
   // row_done(dy).
-  template <class SourceRow, class OutputRow, class RowDone>
-  void run(SourceRow&& source_row, OutputRow&& output_row, RowDone&& row_done) {
+  // source_address(sy) -> const uint8_t* names where source row sy lies (or null when it is
+  // made on demand) so that it can be fetched into the cache one output row ahead.
+  template <class SourceRow, class OutputRow, class RowDone, class SourceAddress>
+  void run(SourceRow&& source_row, OutputRow&& output_row, RowDone&& row_done,
+           SourceAddress&& source_address) {
     int32_t cached[2] = {-1, -1};
     for (int32_t dy = 0; dy < dh_; ++dy) {
       const int32_t sy0 = row_taps_[dy].index;
       const int32_t sy1 = sh_ >= 2 ? sy0 + 1 : sy0;
+      if (dy + 1 < dh_ && row_taps_[dy + 1].index > sy1) {
+        const int32_t next = row_taps_[dy + 1].index;
+        prefetch(source_address(next));
+        if (sh_ >= 2) prefetch(source_address(next + 1));
+      }
       if (cached[0] != sy0 && cached[1] == sy0) swap_rows(cached);
       if (cached[0] != sy0) {
         horizontal(source_row(sy0), sums_[0]);
@@ -56,13 +67,18 @@ class PlaneResampler {
 
  private:
   enum class Form { kWindow, kSplit, kGather };
-  void plan_vector_rows(int32_t sw);
+  void plan_vector_rows(int64_t readable);
   void horizontal(const uint8_t* row, int16_t* out) const;
   void vertical(int32_t dy, uint8_t* out) const;
   void swap_rows(int32_t cached[2]);
+  void prefetch(const uint8_t* row) const {
+    if (row == nullptr) return;
+    for (int64_t at = 0; at < source_bytes_; at += 64) __builtin_prefetch(row + at);
+  }
 
   std::unique_ptr<uint8_t, decltype(&std::free)> block_{nullptr, &std::free};
   int32_t sh_ = 0, dh_ = 0, n_ = 0, step_ = 0;
+  int64_t source_bytes_ = 0;
   bool avx2_ = false;
   Form form_ = Form::kGather;
   int vector_elements_ = 0;  // elements the vector horizontal row may take

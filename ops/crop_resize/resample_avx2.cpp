@@ -14,6 +14,19 @@ inline void store_shifted(int16_t* out, __m256i a, __m256i b) {
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), _mm256_permute4x64_epi64(packed, 0xd8));
 }
 
+// Runs block(j) over whole blocks of `size` elements of [0, n) and, when n is not a multiple,
+// once more over the last `size` elements: a block's outputs depend only on its own inputs,
+// so writing some of them twice gives the same bytes and no scalar tail is needed. Returns
+// the number of elements done (0 when n < size).
+template <class Block>
+inline int for_blocks(int n, int size, Block block) {
+  if (n < size) return 0;
+  int j = 0;
+  for (; j + size <= n; j += size) block(j);
+  if (j < n) block(n - size);
+  return n;
+}
+
 inline __m256i load(const int32_t* p) {
   return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
 }
@@ -30,14 +43,12 @@ int hresample_row_avx2_gather(const uint8_t* row, const int32_t* ofs, const int3
       _mm256_setr_epi8(0, z, t, z, 4, z, 4 + t, z, 8, z, 8 + t, z, 12, z, 12 + t, z, 0, z, t, z, 4,
                        z, 4 + t, z, 8, z, 8 + t, z, 12, z, 12 + t, z);
   const auto* bytes = reinterpret_cast<const int*>(row);
-  const int blocks = n & ~15;
-  for (int j = 0; j < blocks; j += 16) {
+  return for_blocks(n, 16, [&](int j) {
     const __m256i a = _mm256_i32gather_epi32(bytes, load(ofs + j), 1);
     const __m256i b = _mm256_i32gather_epi32(bytes, load(ofs + j + 8), 1);
     store_shifted(out + j, _mm256_madd_epi16(_mm256_shuffle_epi8(a, pick), load(weights + j)),
                   _mm256_madd_epi16(_mm256_shuffle_epi8(b, pick), load(weights + j + 8)));
-  }
-  return blocks;
+  });
 }
 
 int hresample_row_avx2_window(const uint8_t* row, const int32_t* base, const uint32_t* shuffle,
@@ -47,15 +58,15 @@ int hresample_row_avx2_window(const uint8_t* row, const int32_t* base, const uin
                                reinterpret_cast<const __m128i*>(row + lo));
   };
   const auto* masks = reinterpret_cast<const int32_t*>(shuffle);
-  const int blocks = n & ~15;
-  for (int j = 0; j < blocks; j += 16) {
+  // Blocks start at multiples of 4 elements (whole groups), so the overlapping last block
+  // starts at n - 16 rounded down to a group.
+  return for_blocks(n & ~3, 16, [&](int j) {
     const int32_t* b = base + j / 4;
     const __m256i a = _mm256_shuffle_epi8(window(b[0], b[1]), load(masks + j));
     const __m256i c = _mm256_shuffle_epi8(window(b[2], b[3]), load(masks + j + 8));
     store_shifted(out + j, _mm256_madd_epi16(a, load(weights + j)),
                   _mm256_madd_epi16(c, load(weights + j + 8)));
-  }
-  return blocks;
+  });
 }
 
 int hresample_row_avx2_split(const uint8_t* row, const int32_t* lo, const int32_t* hi,
@@ -69,15 +80,13 @@ int hresample_row_avx2_split(const uint8_t* row, const int32_t* lo, const int32_
     return _mm256_inserti128_si256(_mm256_castsi128_si256(first), second, 1);
   };
   const auto* masks = reinterpret_cast<const int32_t*>(shuffle);
-  const int blocks = n & ~15;
-  for (int j = 0; j < blocks; j += 16) {
+  return for_blocks(n & ~3, 16, [&](int j) {
     const int g = j / 4;
     const __m256i a = _mm256_shuffle_epi8(lanes(g), load(masks + j));
     const __m256i c = _mm256_shuffle_epi8(lanes(g + 2), load(masks + j + 8));
     store_shifted(out + j, _mm256_madd_epi16(a, load(weights + j)),
                   _mm256_madd_epi16(c, load(weights + j + 8)));
-  }
-  return blocks;
+  });
 }
 
 int vresample_row_avx2(const int16_t* s0, const int16_t* s1, int32_t b0, int32_t b1, uint8_t* dst,
@@ -92,12 +101,10 @@ int vresample_row_avx2(const int16_t* s0, const int16_t* s1, int32_t b0, int32_t
         _mm256_mulhi_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(s1 + j)), vb1);
     return _mm256_srai_epi16(_mm256_add_epi16(_mm256_add_epi16(a, b), round), kFinalShift);
   };
-  const int blocks = n & ~31;
-  for (int j = 0; j < blocks; j += 32) {
+  return for_blocks(n, 32, [&](int j) {
     const __m256i bytes = _mm256_packus_epi16(row16(j), row16(j + 16));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + j), _mm256_permute4x64_epi64(bytes, 0xd8));
-  }
-  return blocks;
+  });
 }
 
 }  // namespace zarvel::aux::resample

@@ -30,7 +30,9 @@ void hresample_row_c(const uint8_t* row, const int32_t* ofs, const int32_t* weig
 void vresample_row_c(const int16_t* s0, const int16_t* s1, int32_t b0, int32_t b1, uint8_t* dst,
                      int n);
 
-// AVX2 rows do whole blocks of 16 elements (n rounded down) and return how many they did.
+// AVX2 rows do blocks of 16 elements (32 for the vertical row), the last one overlapping the
+// one before when n is not a multiple; they return how many elements they did: n, or 0 when
+// n is below one block (the window and split forms: n rounded down to whole groups of 4).
 //
 // Gather form: one 32-bit gather per element reads row[ofs[j] .. ofs[j] + 3], every one of
 // which must lie inside the row.
@@ -46,7 +48,7 @@ int hresample_row_avx2_window(const uint8_t* row, const int32_t* base, const uin
 // (both inside the row); shuffle[j] picks relative to that 16-byte lane.
 int hresample_row_avx2_split(const uint8_t* row, const int32_t* lo, const int32_t* hi,
                              const uint32_t* shuffle, const int32_t* weights, int16_t* out, int n);
-// Blocks of 32 output bytes.
+// Vertical row.
 int vresample_row_avx2(const int16_t* s0, const int16_t* s1, int32_t b0, int32_t b1, uint8_t* dst,
                        int n);
 
