@@ -3,6 +3,7 @@
 #include "plugin/device_api.h"
 
 #include "ops/crop_resize/crop_resize.h"
+#include "tensor/to_tensor.h"
 
 namespace zarvel::aux {
 
@@ -14,7 +15,7 @@ constexpr DeviceApi kHostDeviceApi = {
     /*warp_perspective=*/nullptr,
     /*cvt_color=*/nullptr,
     /*equalize_hist=*/nullptr,
-    /*to_tensor=*/nullptr,
+    /*to_tensor=*/host_to_tensor,
     /*transform_to_tensor=*/nullptr,
 };
 }  // namespace

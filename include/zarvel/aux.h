@@ -49,6 +49,27 @@ ZARVEL_AUX_API int32_t zarvel_frame_resize(zarvel_frame_t* src, zarvel_frame_t**
 /* Resize to the source size times `ratio`, truncated toward zero. */
 ZARVEL_AUX_API int32_t zarvel_frame_scale(zarvel_frame_t* src, zarvel_frame_t** dst, float ratio);
 
+/* ---- frames into tensors and back ----
+ * Tensor colour types: 0 BGR planes, 1 RGB planes, 2 one GRAY plane. */
+
+/* Writes a packed RGB/BGR or GREY host or device frame into a host tensor (element types 51
+ * u8 or 101 f32) as planes starting at element `offset`: plane c at offset + c * stride[1],
+ * rows stride[2] apart. The frame is clipped to the tensor's H x W from its top-left corner and
+ * the rest of the item is filled with `pad`. f32 samples are (value - mean) / std; u8 samples
+ * are the raw values and pads are truncated to their low 8 bits. mean, std and pad hold three
+ * floats in R, G, B order whatever the colour type. */
+ZARVEL_AUX_API int32_t zarvel_frame_to_tensor(zarvel_tensor_t* tensor, int32_t offset,
+                                              uint32_t color_type, zarvel_frame_t* frame,
+                                              const float* mean, const float* std,
+                                              const float* pad);
+/* Reads batch item `index` of a dense planar tensor (element types 101, 51, 11) into a new
+ * packed host frame (BGR24, RGB24 or GREY by colour type) stored in *frame; tensor channel c
+ * becomes byte c of each pixel, float samples are truncated to their low 8 bits. Returns 75
+ * for a refused colour type or a null tensor; an unknown element type stores null and
+ * returns 0. */
+ZARVEL_AUX_API int32_t zarvel_tensor_to_frames(const zarvel_tensor_t* tensor, uint32_t color_type,
+                                               int64_t index, zarvel_frame_t** frame);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,60 @@
+// Choice of the vector blocks by the processor-feature word, and whole rows made of the
+// chosen blocks and the scalar tail.
+#include "tensor/to_tensor_kernels.h"
+
+#include "plugin/cpu_features.h"
+
+namespace zarvel::aux::to_tensor {
+
+namespace {
+
+int64_t no_packed_f32(const uint8_t*, int64_t, float* const[3], const float*, const float*) {
+  return 0;
+}
+int64_t no_packed_u8(const uint8_t*, int64_t, uint8_t* const[3]) { return 0; }
+int64_t no_luma_f32(const uint8_t*, int64_t, int, float*, float, float) { return 0; }
+int64_t no_luma_u8(const uint8_t*, int64_t, int, uint8_t*) { return 0; }
+int64_t no_grey_f32(const uint8_t*, int64_t, float*, float, float) { return 0; }
+
+}  // namespace
+
+BlockKernels select_block_kernels() {
+  if (cpu_features() & kCpuAvx2) {
+    return {packed_f32_blocks_avx2, packed_u8_blocks_avx2, luma_f32_blocks_avx2,
+            luma_u8_blocks_avx2, grey_f32_blocks_avx2};
+  }
+  return {no_packed_f32, no_packed_u8, no_luma_f32, no_luma_u8, no_grey_f32};
+}
+
+void packed_f32_row(const BlockKernels& k, const uint8_t* src, int64_t n, float* const dst[3],
+                    const float mean[3], const float recip[3]) {
+  const int64_t done = k.packed_f32(src, n, dst, mean, recip);
+  float* const rest[3] = {dst[0] + done, dst[1] + done, dst[2] + done};
+  packed_f32_row_c(src + 3 * done, n - done, rest, mean, recip);
+}
+
+void packed_u8_row(const BlockKernels& k, const uint8_t* src, int64_t n, uint8_t* const dst[3],
+                   bool identity, const float mean[3], const float recip[3]) {
+  const int64_t done = k.packed_u8(src, n, dst);
+  uint8_t* const rest[3] = {dst[0] + done, dst[1] + done, dst[2] + done};
+  packed_u8_row_c(src + 3 * done, n - done, rest, identity, mean, recip);
+}
+
+void luma_f32_row(const BlockKernels& k, const uint8_t* src, int64_t n, int r_byte, float* dst,
+                  float mean, float std) {
+  const int64_t done = k.luma_f32(src, n, r_byte, dst, mean, std);
+  luma_f32_row_c(src + 3 * done, n - done, r_byte, dst + done, mean, std);
+}
+
+void luma_u8_row(const BlockKernels& k, const uint8_t* src, int64_t n, int r_byte, uint8_t* dst) {
+  const int64_t done = k.luma_u8(src, n, r_byte, dst);
+  luma_u8_row_c(src + 3 * done, n - done, r_byte, dst + done);
+}
+
+void grey_f32_row(const BlockKernels& k, const uint8_t* src, int64_t n, float* dst, float mean,
+                  float std) {
+  const int64_t done = k.grey_f32(src, n, dst, mean, std);
+  grey_f32_row_c(src + done, n - done, dst + done, mean, std);
+}
+
+}  // namespace zarvel::aux::to_tensor
