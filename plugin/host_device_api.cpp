@@ -2,6 +2,7 @@
 // family provides its host function; the exports never reach a null slot.
 #include "plugin/device_api.h"
 
+#include "ops/warp/warp.h"
 #include "ops/crop_resize/crop_resize.h"
 #include "tensor/to_tensor.h"
 
@@ -11,8 +12,8 @@ namespace {
 constexpr DeviceApi kHostDeviceApi = {
     /*resize=*/host_resize,
     /*rotate=*/nullptr,
-    /*warp_affine=*/nullptr,
-    /*warp_perspective=*/nullptr,
+    /*warp_affine=*/host_warp_affine,
+    /*warp_perspective=*/host_warp_perspective,
     /*cvt_color=*/nullptr,
     /*equalize_hist=*/nullptr,
     /*to_tensor=*/host_to_tensor,

@@ -70,6 +70,30 @@ ZARVEL_AUX_API int32_t zarvel_frame_to_tensor(zarvel_tensor_t* tensor, int32_t o
 ZARVEL_AUX_API int32_t zarvel_tensor_to_frames(const zarvel_tensor_t* tensor, uint32_t color_type,
                                                int64_t index, zarvel_frame_t** frame);
 
+/* ---- affine and perspective warps ----
+ * `out` must exist, with the format and memory type of `in`; its size is the output size.
+ * The row-major matrix (6 floats affine, 9 perspective) maps each output pixel position to
+ * the input position sampled bilinearly; positions outside the input read 0 (luma and packed
+ * planes) or 128 (chroma planes). */
+ZARVEL_AUX_API int32_t zarvel_frame_warpaffine(zarvel_frame_t* in, zarvel_frame_t* out,
+                                               const float* matrix);
+ZARVEL_AUX_API int32_t zarvel_frame_warpperspective(zarvel_frame_t* in, zarvel_frame_t* out,
+                                                    const float* matrix);
+
+/* ---- transform estimation ----
+ * Points are (x, y) float pairs. Outputs are row-major 3x3 matrices (9 floats) whose forward
+ * form maps source points to destination points; the inverse is its exact 3x3 inverse. */
+
+/* The affine transform through exactly three point pairs. */
+ZARVEL_AUX_API void zarvel_find_affine_transform(const float* src, const float* dst,
+                                                 float* forward, float* inverse);
+/* The least-squares rotation-with-scale and translation [a b tx; -b a ty] of three pairs. */
+ZARVEL_AUX_API void zarvel_find_similarity_transform(const float* src, const float* dst,
+                                                     float* forward, float* inverse);
+/* The same least-squares model over n pairs; the scale is not removed. */
+ZARVEL_AUX_API void zarvel_find_rigid_transform(const float* src, const float* dst, int32_t n,
+                                                float* forward);
+
 #ifdef __cplusplus
 }
 #endif
