@@ -3,6 +3,8 @@
 #include "plugin/device_api.h"
 
 #include "ops/warp/warp.h"
+#include "ops/rotate/rotate.h"
+#include "ops/hist/hist.h"
 #include "ops/crop_resize/crop_resize.h"
 #include "tensor/to_tensor.h"
 
@@ -11,11 +13,11 @@ namespace zarvel::aux {
 namespace {
 constexpr DeviceApi kHostDeviceApi = {
     /*resize=*/host_resize,
-    /*rotate=*/nullptr,
+    /*rotate=*/host_rotate,
     /*warp_affine=*/host_warp_affine,
     /*warp_perspective=*/host_warp_perspective,
     /*cvt_color=*/nullptr,
-    /*equalize_hist=*/nullptr,
+    /*equalize_hist=*/host_equalize_hist,
     /*to_tensor=*/host_to_tensor,
     /*transform_to_tensor=*/nullptr,
 };

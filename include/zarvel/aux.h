@@ -94,6 +94,18 @@ ZARVEL_AUX_API void zarvel_find_similarity_transform(const float* src, const flo
 ZARVEL_AUX_API void zarvel_find_rigid_transform(const float* src, const float* dst, int32_t n,
                                                 float* forward);
 
+/* ---- rotation ----
+ * Turns src clockwise: code 0 by 90 degrees, 1 by 180, 2 by 270; any other code gives -1 and
+ * leaves *dst alone. The output slot works as for resize, with the rotated size required; a
+ * larger given output receives the rotated image in its top-left corner and keeps the rest. */
+ZARVEL_AUX_API int32_t zarvel_frame_rotate(zarvel_frame_t* src, zarvel_frame_t** dst,
+                                           int32_t code);
+
+/* ---- histogram equalisation ----
+ * Spreads the grey levels of a "GREY" frame over 0..255 through its cumulative histogram
+ * (other formats give -1000). The output slot works as for resize, with the source size. */
+ZARVEL_AUX_API int32_t zarvel_frame_equalize_hist(zarvel_frame_t* src, zarvel_frame_t** dst);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,78 @@
+// zarvel_frame_rotate: clockwise quarter and half turns through slot 1 of the Device API.
+#include "ops/rotate/rotate.h"
+
+#include <zarvel/aux.h>
+
+#include <cstdint>
+
+#include "frame_api/frame_api.h"
+#include "plugin/device_api.h"
+#include "plugin/dispatch.h"
+#include "plugin/log.h"
+#include "plugin/status.h"
+
+namespace zarvel::aux {
+namespace {
+
+constexpr const char* kRotate = "zarvel_frame_rotate";
+
+// Do any planes of two host frames overlap in memory? (Device frames are rotated through
+// separate host copies, so their sharing does no harm.)
+bool shares_pixels(const zarvel_frame_t* a, const zarvel_frame_t* b) {
+  if (zarvel_frame_mem_type(a) == ZARVEL_MEM_DEVICE) return false;
+  for (uint64_t i = 0; i < a->plane_count && i < 4; ++i) {
+    for (uint64_t j = 0; j < b->plane_count && j < 4; ++j) {
+      const auto a0 = reinterpret_cast<uintptr_t>(a->plane[i]);
+      const auto b0 = reinterpret_cast<uintptr_t>(b->plane[j]);
+      if (a0 < b0 + b->plane_size[j] && b0 < a0 + a->plane_size[i]) return true;
+    }
+  }
+  return false;
+}
+
+int32_t rotate_frame(zarvel_frame_t* src, zarvel_frame_t** dst, int32_t code) {
+  if (src == nullptr || dst == nullptr) return kInvalidArgument;
+  float angle = 0.0f;
+  Size2D size{src->width, src->height};
+  switch (code) {
+    case 0:
+      angle = 90.0f;
+      size = {src->height, src->width};
+      break;
+    case 1:
+      angle = 180.0f;
+      break;
+    case 2:
+      angle = 270.0f;
+      size = {src->height, src->width};
+      break;
+    default:
+      return kInvalidArgument;
+  }
+  const bool allocated = *dst == nullptr;
+  int32_t status = prepare_output(src, dst, size, kRotate);
+  if (status != kOk) return status;
+  status = is_same_frame_fmt_and_memtype(src, *dst, kRotate);
+  if (status != kOk) return status;
+  auto slot = [angle](zarvel_frame_t* s, zarvel_frame_t* d) {
+    return host_device_api().rotate(s, d, angle);
+  };
+  if (shares_pixels(src, *dst)) {
+    // Every output pixel comes from elsewhere in the source, so rotating in place would read
+    // pixels already overwritten: rotate from a copy instead.
+    ZA_LOG(ZARVEL_LOG_ADVICE, "[%s] The output shares pixels with the source, rotating a copy.\n",
+           kRotate);
+    FramePtr copy(zarvel_frame_duplicate(src));
+    if (!copy) return kFailed;
+    return dispatch_frame_op(kRotate, copy.get(), dst, allocated, slot);
+  }
+  return dispatch_frame_op(kRotate, src, dst, allocated, slot);
+}
+
+}  // namespace
+}  // namespace zarvel::aux
+
+extern "C" ZARVEL_AUX_API int32_t zarvel_frame_rotate(zarvel_frame_t* src, zarvel_frame_t** dst,
+                                                      int32_t code) {
+  return zarvel::aux::rotate_frame(src, dst, code);
+}

@@ -1,0 +1,279 @@
+// zarvel_frame_equalize_hist: the cumulative mapping against a formula oracle, the cases
+// that pin its arithmetic, refusals with their messages, and the device fallback.
+#include "ops/hist/hist.h"
+
+#include <gtest/gtest.h>
+#include <zarvel/aux.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "frame_api/frame_api.h"
+#include "log_capture.h"
+
+#ifdef ZARVEL_TEST_OPENCV
+#include <opencv2/imgproc.hpp>
+#endif
+
+namespace za = zarvel::aux;
+using zarvel::test::LogCapture;
+
+namespace {
+
+constexpr uint8_t kSentinel = 0xA5;
+
+za::FramePtr grey(int w, int h, int stride = 0, uint32_t mem = ZARVEL_MEM_HOST) {
+  const int32_t strides[4] = {stride, 0, 0, 0};
+  return za::FramePtr(zarvel_frame_alloc(mem, ZARVEL_PIXFMT_GREY, w, h, strides, 0));
+}
+
+// Sets the visible pixels row by row from `pixels` (width x height, tight).
+void set_pixels(zarvel_frame_t* f, const std::vector<uint8_t>& pixels) {
+  for (int r = 0; r < f->height; ++r) {
+    std::memcpy(f->plane[0] + r * f->stride[0], pixels.data() + r * f->width, f->width);
+  }
+}
+std::vector<uint8_t> pixels_of(const zarvel_frame_t* f) {
+  std::vector<uint8_t> out;
+  for (int r = 0; r < f->height; ++r) {
+    out.insert(out.end(), f->plane[0] + r * f->stride[0],
+               f->plane[0] + r * f->stride[0] + f->width);
+  }
+  return out;
+}
+
+// (cdf(v) - cdf(m)) * (255 / (N - cdf(m))) in single precision, halves away from zero.
+std::vector<uint8_t> oracle(const std::vector<uint8_t>& pixels) {
+  std::vector<int64_t> cdf(256, 0);
+  for (uint8_t v : pixels) ++cdf[v];
+  for (int i = 1; i < 256; ++i) cdf[i] += cdf[i - 1];
+  int m = 0;
+  while (cdf[m] == 0) ++m;
+  const auto n = static_cast<int64_t>(pixels.size());
+  std::vector<uint8_t> out;
+  for (uint8_t v : pixels) {
+    if (v == m || n == cdf[m]) {
+      out.push_back(0);
+      continue;
+    }
+    const float scale = 255.0f / static_cast<float>(n - cdf[m]);
+    out.push_back(static_cast<uint8_t>(std::roundf(static_cast<float>(cdf[v] - cdf[m]) * scale)));
+  }
+  return out;
+}
+
+// Equalises `pixels` through the export into a padded, sentinel-filled given output.
+std::vector<uint8_t> equalize(const std::vector<uint8_t>& pixels, int w, int h) {
+  auto src = grey(w, h, w + 3);
+  set_pixels(src.get(), pixels);
+  auto out = grey(w, h, w + 5);
+  std::memset(out->plane[0], kSentinel, out->plane_size[0]);
+  zarvel_frame_t* slot = out.get();
+  EXPECT_EQ(zarvel_frame_equalize_hist(src.get(), &slot), 0);
+  for (int r = 0; r < h; ++r) {
+    for (int x = w; x < out->stride[0] && r * out->stride[0] + x < (int)out->plane_size[0]; ++x) {
+      EXPECT_EQ(out->plane[0][r * out->stride[0] + x], kSentinel) << "padding written";
+    }
+  }
+  return pixels_of(out.get());
+}
+
+TEST(EqualizeHist, MatchesTheCumulativeFormulaOnVariedImages) {
+  std::mt19937 rng(11);
+  const int shapes[][2] = {{1, 1}, {7, 1}, {1, 9}, {13, 5}, {64, 3}, {65, 17}, {200, 31}};
+  for (const auto& [w, h] : shapes) {
+    for (int kind = 0; kind < 4; ++kind) {
+      std::vector<uint8_t> pixels(static_cast<size_t>(w) * h);
+      for (auto& v : pixels) {
+        switch (kind) {
+          case 0:
+            v = static_cast<uint8_t>(rng());
+            break;  // all levels
+          case 1:
+            v = static_cast<uint8_t>(40 + rng() % 30);
+            break;  // a narrow band
+          case 2:
+            v = static_cast<uint8_t>((rng() % 4) * 60 + 3);
+            break;  // a few levels
+          default:
+            v = static_cast<uint8_t>(std::min<unsigned>(255, (rng() % 16) * (rng() % 17)));
+        }
+      }
+      EXPECT_EQ(equalize(pixels, w, h), oracle(pixels)) << w << "x" << h << " kind " << kind;
+    }
+  }
+}
+
+TEST(EqualizeHist, FlatAndTwoLevelImages) {
+  for (int v : {0, 77, 255}) {
+    EXPECT_EQ(equalize(std::vector<uint8_t>(35, static_cast<uint8_t>(v)), 7, 5),
+              std::vector<uint8_t>(35, 0));
+  }
+  std::vector<uint8_t> halves(40, 30);
+  std::fill(halves.begin() + 20, halves.end(), 180);
+  std::vector<uint8_t> want(40, 0);
+  std::fill(want.begin() + 20, want.end(), 255);
+  EXPECT_EQ(equalize(halves, 8, 5), want);
+}
+
+TEST(EqualizeHist, DarkestGoesToZeroBrightestTo255AndAbsentLevelsDoNotMatter) {
+  std::mt19937 rng(2);
+  std::vector<uint8_t> a(300), b(300);
+  for (size_t k = 0; k < a.size(); ++k) {
+    const int pick = static_cast<int>(rng() % 3);
+    a[k] = static_cast<uint8_t>(pick == 0 ? 12 : pick == 1 ? 50 : 140);
+    b[k] = static_cast<uint8_t>(pick == 0 ? 100 : pick == 1 ? 101 : 254);  // same counts
+  }
+  const auto ea = equalize(a, 20, 15), eb = equalize(b, 20, 15);
+  EXPECT_EQ(ea, eb);
+  for (size_t k = 0; k < a.size(); ++k) {
+    if (a[k] == 12) {
+      EXPECT_EQ(ea[k], 0);
+    } else if (a[k] == 140) {
+      EXPECT_EQ(ea[k], 255);
+    }
+  }
+}
+
+TEST(EqualizeHist, HalvesRoundAwayFromZero) {
+  // N - h_min = 510, so the scale is exactly 0.5: running sums 1, 3, 5 give 0.5, 1.5, 2.5,
+  // which round to 1, 2, 3 (round-half-to-even would give 0, 2, 2).
+  std::vector<uint8_t> pixels;
+  const int counts[5] = {2, 1, 2, 2, 505};
+  for (int level = 0; level < 5; ++level) pixels.insert(pixels.end(), counts[level], level);
+  const auto out = equalize(pixels, 32, 16);
+  const uint8_t want[5] = {0, 1, 2, 3, 255};
+  for (size_t k = 0; k < pixels.size(); ++k) ASSERT_EQ(out[k], want[pixels[k]]) << k;
+
+  int32_t hist[256] = {};
+  for (int level = 0; level < 5; ++level) hist[level] = counts[level];
+  uint8_t table[256];
+  za::hist::build_equalize_table(hist, 512, table);
+  EXPECT_EQ(std::vector<uint8_t>(table, table + 5), std::vector<uint8_t>(want, want + 5));
+}
+
+TEST(EqualizeHist, CountingAndMappingCoverEveryRowTail) {
+  std::mt19937 rng(9);
+  for (int w = 1; w <= 40; ++w) {
+    const int h = 3, stride = w + w % 4;
+    std::vector<uint8_t> src(static_cast<size_t>(h) * stride);
+    for (auto& v : src) v = static_cast<uint8_t>(rng());
+    int32_t hist[256];
+    za::hist::count_histogram(h, w, stride, src.data(), hist);
+    int32_t want[256] = {};
+    for (int r = 0; r < h; ++r)
+      for (int x = 0; x < w; ++x) ++want[src[r * stride + x]];
+    ASSERT_EQ(0, std::memcmp(hist, want, sizeof want)) << w;
+
+    uint8_t table[256];
+    for (int i = 0; i < 256; ++i) table[i] = static_cast<uint8_t>(255 - i);
+    std::vector<uint8_t> dst(src.size(), kSentinel);
+    za::hist::map_table(h, w, stride, src.data(), stride, dst.data(), table);
+    for (size_t k = 0; k < src.size(); ++k) {
+      const bool visible = static_cast<int>(k % stride) < w;
+      ASSERT_EQ(dst[k], visible ? 255 - src[k] : kSentinel) << w << " " << k;
+    }
+  }
+}
+
+TEST(EqualizeHist, RefusalsAndTheirMessages) {
+  LogCapture log;
+  auto src = grey(4, 4);
+  zarvel_frame_t* out = nullptr;
+  EXPECT_EQ(zarvel_frame_equalize_hist(nullptr, &out), -1);
+  EXPECT_EQ(zarvel_frame_equalize_hist(src.get(), nullptr), -1);
+  EXPECT_TRUE(log.messages().empty());
+
+  for (uint32_t format : {ZARVEL_PIXFMT_NV12, ZARVEL_PIXFMT_RGB24}) {
+    za::FramePtr other(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, 4, 4, nullptr, 0));
+    log.clear();
+    EXPECT_EQ(zarvel_frame_equalize_hist(other.get(), &out), -1000);
+    EXPECT_EQ(out, nullptr);
+    const auto messages = log.messages();
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].level, 4u);
+    EXPECT_EQ(messages[0].tag, "aux");
+    EXPECT_EQ(messages[0].text,
+              std::string("Only support the histogram of a fmt:[gray] image. input fmt:[") +
+                  zarvel_frame_pixfmt_to_string(format) + "]\n");
+  }
+
+  // A record without pixels never reaches the kernel.
+  log.clear();
+  src->width = 0;
+  EXPECT_EQ(zarvel_frame_equalize_hist(src.get(), &out), -1);
+  src->width = 4;
+  EXPECT_EQ(out, nullptr);
+  ASSERT_EQ(log.messages().size(), 1u);
+  EXPECT_EQ(log.messages()[0].level, 4u);
+
+  // A given output that is too small.
+  log.clear();
+  auto small = grey(3, 4);
+  zarvel_frame_t* slot = small.get();
+  EXPECT_EQ(zarvel_frame_equalize_hist(src.get(), &slot), -1);
+  ASSERT_EQ(log.messages().size(), 1u);
+  EXPECT_EQ(log.messages()[0].text,
+            "[zarvel_frame_equalize_hist] Required_frame and given_frame not match:\n\treq:\t"
+            "given:\nmem:\t0\t0\nfmt:\tGREY\tGREY\nwidth:\t4\t3\nheight:\t4\t4\n");
+}
+
+TEST(EqualizeHist, DeviceFramesFallBackToTheHost) {
+  LogCapture log;
+  std::vector<uint8_t> pixels(24 * 10);
+  std::mt19937 rng(4);
+  for (auto& v : pixels) v = static_cast<uint8_t>(rng() % 90);
+  auto host = grey(24, 10);
+  set_pixels(host.get(), pixels);
+  host->meta_word1 = 9;
+  zarvel_frame_t* dev = nullptr;
+  ASSERT_EQ(zarvel_frame_upload(host.get(), &dev), 0);
+  za::FramePtr dev_owned(dev);
+  zarvel_frame_t* out = nullptr;
+  ASSERT_EQ(zarvel_frame_equalize_hist(dev, &out), 0);
+  za::FramePtr out_owned(out);
+  EXPECT_EQ(zarvel_frame_mem_type(out), ZARVEL_MEM_DEVICE);
+  zarvel_frame_t* back = nullptr;
+  ASSERT_EQ(zarvel_frame_download(out, &back), 0);
+  za::FramePtr back_owned(back);
+  EXPECT_EQ(pixels_of(back), oracle(pixels));
+  const auto messages = log.messages();
+  ASSERT_EQ(messages.size(), 2u);
+  EXPECT_EQ(messages[0].text, "No device api found, pls rebuild with specific device on!\n");
+  EXPECT_EQ(messages[1].text,
+            "Device api not support, fallback to CPU - [zarvel_frame_equalize_hist]!\n");
+}
+
+#ifdef ZARVEL_TEST_OPENCV
+// OpenCV computes the same table but rounds halves to even and maps a flat image to its own
+// level; on non-flat images every difference must come from an exact half.
+TEST(EqualizeHist, AgreesWithOpenCvExceptOnExactHalves) {
+  std::mt19937 rng(21);
+  for (int trial = 0; trial < 20; ++trial) {
+    const int w = 17 + trial * 13, h = 9 + trial;
+    std::vector<uint8_t> pixels(static_cast<size_t>(w) * h);
+    const int spread = 2 + trial * 12;
+    for (auto& v : pixels) v = static_cast<uint8_t>(30 + rng() % spread);
+    pixels[0] = 30, pixels[1] = 31;  // never flat
+    const auto ours = equalize(pixels, w, h);
+    cv::Mat src(h, w, CV_8UC1, pixels.data()), theirs;
+    cv::equalizeHist(src, theirs);
+
+    std::vector<int64_t> cdf(256, 0);
+    for (uint8_t v : pixels) ++cdf[v];
+    for (int i = 1; i < 256; ++i) cdf[i] += cdf[i - 1];
+    const float scale = 255.0f / static_cast<float>(static_cast<int64_t>(pixels.size()) - cdf[30]);
+    for (size_t k = 0; k < pixels.size(); ++k) {
+      const uint8_t cv_value = theirs.data[k];
+      if (ours[k] == cv_value) continue;
+      const float product = static_cast<float>(cdf[pixels[k]] - cdf[30]) * scale;
+      ASSERT_EQ(product - std::floor(product), 0.5f) << "trial " << trial << " pixel " << k;
+      ASSERT_EQ(ours[k], cv_value + 1);
+    }
+  }
+}
+#endif
+
+}  // namespace
