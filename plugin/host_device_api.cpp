@@ -5,6 +5,7 @@
 #include "ops/warp/warp.h"
 #include "ops/rotate/rotate.h"
 #include "ops/hist/hist.h"
+#include "ops/color/color.h"
 #include "ops/crop_resize/crop_resize.h"
 #include "tensor/to_tensor.h"
 
@@ -16,7 +17,7 @@ constexpr DeviceApi kHostDeviceApi = {
     /*rotate=*/host_rotate,
     /*warp_affine=*/host_warp_affine,
     /*warp_perspective=*/host_warp_perspective,
-    /*cvt_color=*/nullptr,
+    /*cvt_color=*/host_cvt_color,
     /*equalize_hist=*/host_equalize_hist,
     /*to_tensor=*/host_to_tensor,
     /*transform_to_tensor=*/nullptr,

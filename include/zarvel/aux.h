@@ -106,6 +106,14 @@ ZARVEL_AUX_API int32_t zarvel_frame_rotate(zarvel_frame_t* src, zarvel_frame_t**
  * (other formats give -1000). The output slot works as for resize, with the source size. */
 ZARVEL_AUX_API int32_t zarvel_frame_equalize_hist(zarvel_frame_t* src, zarvel_frame_t** dst);
 
+/* ---- colour conversion ----
+ * Converts src into `dst_format` (a ZARVEL_PIXFMT_* code), same width and height. When *out
+ * is null the result is allocated (equal formats, and a 4:2:0 source to GREY, return a new
+ * reference sharing the source's pixels instead); otherwise *out must have src's memory type
+ * and size and the format dst_format. Returns 0, -1, -4, or -1000 for an unsupported pair. */
+ZARVEL_AUX_API int32_t zarvel_frame_cvt_color(zarvel_frame_t* src, zarvel_frame_t** out,
+                                              uint32_t dst_format);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,220 @@
+// Plane loops of the colour conversions and the choice of their row kernels.
+#include "ops/color/color_planes.h"
+
+#include <cstring>
+
+#include "plugin/cpu_features.h"
+
+namespace zarvel::aux::color {
+namespace {
+
+inline const uint8_t* row(const uint8_t* base, int32_t stride, int32_t r) {
+  return base + static_cast<int64_t>(stride) * r;
+}
+inline uint8_t* row(uint8_t* base, int32_t stride, int32_t r) {
+  return base + static_cast<int64_t>(stride) * r;
+}
+
+bool use_avx2() { return (cpu_features() & kCpuAvx2) != 0; }
+
+}  // namespace
+
+void yuv420_to_rgb(Chroma chroma, const uint8_t* y, int32_t y_stride, const uint8_t* c1,
+                   int32_t c1_stride, const uint8_t* c2, int32_t c2_stride, uint8_t* dst,
+                   int32_t dst_stride, int32_t width, int32_t height, bool bgr) {
+  // The 256-bit path needs the full AVX2 + FMA level; without it, YU12 alone has a 128-bit path.
+  const uint32_t features = cpu_features();
+  const bool wide = (features & kCpuAvx2Fma) != 0;
+  const bool narrow = !wide && (features & kCpuAvx2) != 0 && chroma == Chroma::kYu12;
+  for (int32_t r = 0; r < height; r += 2) {
+    const int32_t r1 = r + 1 < height ? r + 1 : r;
+    const YuvRowPair rows = {row(y, y_stride, r),       row(y, y_stride, r1),
+                             row(c1, c1_stride, r / 2), c2 ? row(c2, c2_stride, r / 2) : nullptr,
+                             row(dst, dst_stride, r),   row(dst, dst_stride, r1)};
+    int done = 0;
+    if (wide) {
+      done = yuv_to_rgb_rows_avx2(rows, width, chroma, bgr);
+    } else if (narrow) {
+      done = yu12_to_rgb_rows_sse41(rows, width, bgr);
+    }
+    yuv_to_rgb_rows_c(rows, done, width, chroma, bgr);
+  }
+}
+
+void rgb_to_yuv420(const uint8_t* rgb, int32_t rgb_stride, bool bgr, uint8_t* y, int32_t y_stride,
+                   const ChromaPlanes& chroma, int32_t width, int32_t height) {
+  const bool avx2 = use_avx2();
+  const int32_t blocks = width / 2;
+  for (int32_t r = 0; r < height; ++r) {
+    const uint8_t* src = row(rgb, rgb_stride, r);
+    uint8_t* luma = row(y, y_stride, r);
+    if (r % 2 == 0 && r + 1 < height) {
+      uint8_t* u = row(chroma.u, chroma.u_stride, r / 2);
+      uint8_t* v = row(chroma.v, chroma.v_stride, r / 2);
+      const int done =
+          avx2 ? rgb_to_luma_chroma_row_avx2(src, luma, u, v, chroma.step, width, bgr) : 0;
+      rgb_to_luma_row_c(src, luma, done, width, bgr);
+      rgb_to_chroma_row_c(src, u, v, chroma.step, done / 2, blocks, bgr);
+    } else {
+      const int done = avx2 ? rgb_to_luma_row_avx2(src, luma, width, bgr) : 0;
+      rgb_to_luma_row_c(src, luma, done, width, bgr);
+    }
+  }
+}
+
+void rgb_to_grey(const uint8_t* rgb, int32_t rgb_stride, bool bgr, uint8_t* grey,
+                 int32_t grey_stride, int32_t width, int32_t height) {
+  GreyTables tables;
+  fill_grey_tables(&tables, bgr);
+  const bool avx2 = use_avx2();
+  for (int32_t r = 0; r < height; ++r) {
+    const uint8_t* src = row(rgb, rgb_stride, r);
+    uint8_t* out = row(grey, grey_stride, r);
+    const int done = avx2 ? rgb_to_grey_row_avx2(src, out, width, bgr) : 0;
+    rgb_to_grey_row_c(tables, src, out, done, width);
+  }
+}
+
+void swap_rb(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
+             int32_t width, int32_t height) {
+  const bool avx2 = use_avx2();
+  for (int32_t r = 0; r < height; ++r) {
+    const uint8_t* s = row(src, src_stride, r);
+    uint8_t* d = row(dst, dst_stride, r);
+    const int done = avx2 ? swap_rb_row_avx2(s, d, width) : 0;
+    swap_rb_row_c(s, d, done, width);
+  }
+}
+
+void grey_to_rgb(const uint8_t* grey, int32_t grey_stride, uint8_t* rgb, int32_t rgb_stride,
+                 int32_t width, int32_t height) {
+  const bool avx2 = use_avx2();
+  for (int32_t r = 0; r < height; ++r) {
+    const uint8_t* s = row(grey, grey_stride, r);
+    uint8_t* d = row(rgb, rgb_stride, r);
+    const int done = avx2 ? grey_to_rgb_row_avx2(s, d, width) : 0;
+    grey_to_rgb_row_c(s, d, done, width);
+  }
+}
+
+void copy_plane(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
+                int32_t row_bytes, int32_t rows) {
+  if (row_bytes <= 0 || rows <= 0) return;
+  if (src_stride == row_bytes && dst_stride == row_bytes) {
+    std::memcpy(dst, src, static_cast<size_t>(row_bytes) * rows);
+    return;
+  }
+  for (int32_t r = 0; r < rows; ++r) {
+    std::memcpy(row(dst, dst_stride, r), row(src, src_stride, r), row_bytes);
+  }
+}
+
+void fill_plane(uint8_t* dst, int32_t stride, int32_t row_bytes, int32_t rows, uint8_t value) {
+  if (row_bytes <= 0) return;
+  for (int32_t r = 0; r < rows; ++r) std::memset(row(dst, stride, r), value, row_bytes);
+}
+
+void swap_pairs(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
+                int32_t pairs, int32_t rows) {
+  const bool avx2 = use_avx2();
+  for (int32_t r = 0; r < rows; ++r) {
+    const uint8_t* s = row(src, src_stride, r);
+    uint8_t* d = row(dst, dst_stride, r);
+    const int done = avx2 ? swap_pairs_row_avx2(s, d, pairs) : 0;
+    swap_pairs_row_c(s, d, done, pairs);
+  }
+}
+
+void interleave_chroma(const uint8_t* first, int32_t first_stride, const uint8_t* second,
+                       int32_t second_stride, uint8_t* dst, int32_t dst_stride, int32_t pairs,
+                       int32_t rows) {
+  for (int32_t r = 0; r < rows; ++r) {
+    const uint8_t* a = row(first, first_stride, r);
+    const uint8_t* b = row(second, second_stride, r);
+    uint8_t* d = row(dst, dst_stride, r);
+    for (int32_t p = 0; p < pairs; ++p) {
+      d[2 * p] = a[p];
+      d[2 * p + 1] = b[p];
+    }
+  }
+}
+
+void split_chroma(const uint8_t* src, int32_t src_stride, uint8_t* first, int32_t first_stride,
+                  uint8_t* second, int32_t second_stride, int32_t pairs, int32_t rows) {
+  for (int32_t r = 0; r < rows; ++r) {
+    const uint8_t* s = row(src, src_stride, r);
+    uint8_t* a = row(first, first_stride, r);
+    uint8_t* b = row(second, second_stride, r);
+    for (int32_t p = 0; p < pairs; ++p) {
+      a[p] = s[2 * p];
+      b[p] = s[2 * p + 1];
+    }
+  }
+}
+
+void grey16_stretch_table(const uint32_t* hist, int32_t width, int32_t height, uint8_t* table) {
+  // The thresholds and running sums are 16-bit and wrap, and counters enter the sums through
+  // their low 16 bits: the bounds of large images depend on this, so it stays exactly so.
+  const auto threshold = static_cast<uint16_t>(
+      static_cast<int64_t>(static_cast<double>(width) * 0.0001 * static_cast<double>(height)));
+
+  // Low bound: the first non-empty bin with at least `threshold` samples below it. When there
+  // is none, every bin counts as below it.
+  int32_t low = 65536;
+  uint16_t below = 0;
+  for (int32_t i = 0; i < 65536; ++i) {
+    if (below >= threshold && hist[i] != 0) {
+      low = i;
+      break;
+    }
+    below = static_cast<uint16_t>(below + static_cast<uint16_t>(hist[i]));
+  }
+
+  // High bound: walk down from the top bin until the sum (including the bin reached) is at
+  // least `threshold`; the bin may be empty.
+  int32_t high = 65535;
+  uint16_t above = static_cast<uint16_t>(hist[65535]);
+  while (above < threshold && high > 0) {
+    --high;
+    above = static_cast<uint16_t>(above + static_cast<uint16_t>(hist[high]));
+  }
+
+  if (high == low) {
+    // A single-valued range has no scale (255 / 0): the whole output is black.
+    std::memset(table, 0, 65536);
+    return;
+  }
+  const double scale = 255.0 / static_cast<double>(high - low);
+  for (int32_t i = 0; i < 65536; ++i) {
+    int32_t entry;
+    if (i < low) {
+      entry = 0;
+    } else if (i > high) {
+      entry = 255;
+    } else {
+      entry = hist[i] != 0 ? static_cast<int32_t>(static_cast<double>(i - low) * scale) : 0;
+    }
+    table[i] = static_cast<uint8_t>(entry);
+  }
+}
+
+void grey16_stretch(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
+                    int32_t width, int32_t height) {
+  uint32_t hist[65536];
+  uint8_t table[65536];
+  std::memset(hist, 0, sizeof hist);
+  const int64_t step = src_stride / 2;  // row step in samples
+  const auto* samples = reinterpret_cast<const uint16_t*>(src);
+  for (int32_t r = 0; r < height; ++r) {
+    const uint16_t* s = samples + step * r;
+    for (int32_t x = 0; x < width; ++x) ++hist[s[x]];
+  }
+  grey16_stretch_table(hist, width, height, table);
+  for (int32_t r = 0; r < height; ++r) {
+    const uint16_t* s = samples + step * r;
+    uint8_t* d = row(dst, dst_stride, r);
+    for (int32_t x = 0; x < width; ++x) d[x] = table[s[x]];
+  }
+}
+
+}  // namespace zarvel::aux::color
