@@ -114,6 +114,29 @@ ZARVEL_AUX_API int32_t zarvel_frame_equalize_hist(zarvel_frame_t* src, zarvel_fr
 ZARVEL_AUX_API int32_t zarvel_frame_cvt_color(zarvel_frame_t* src, zarvel_frame_t** out,
                                               uint32_t dst_format);
 
+/* ---- image files ----
+ * Loading decodes any image the built-in decoder reads into a new host frame (the caller frees
+ * it): 1 or 2 channels give "GREY", 3 or 4 give "RGB24"; alpha is dropped. Images wider or
+ * taller than 32768 pixels or larger than 64 Mi pixels are refused. Every failure gives null. */
+ZARVEL_AUX_API zarvel_frame_t* zarvel_frame_load(const char* path);
+ZARVEL_AUX_API zarvel_frame_t* zarvel_frame_load_from_memory(const void* data, int32_t size);
+
+/* Image format numbers of zarvel_frame_encode. */
+#define ZARVEL_IMAGE_JPEG 1
+#define ZARVEL_IMAGE_BMP 2
+#define ZARVEL_IMAGE_PNG 3
+
+/* Writes the frame (host or device memory) as JPEG (quality 100), BMP or PNG, chosen by the
+ * path's ending (".jpg", ".jpeg", ".bmp", ".png", any case). "GREY" frames go to PNG as one
+ * channel; everything else is converted to "RGB24" first. Returns 0, -1000 for another
+ * ending, -1 for a null frame, -4 when the frame cannot be read or written. */
+ZARVEL_AUX_API int32_t zarvel_frame_save(zarvel_frame_t* frame, const char* path);
+/* As zarvel_frame_save, into a host buffer whose contents are replaced; `format` is one of
+ * ZARVEL_IMAGE_*. Returns 0, -1000 for another format, -1 for a null frame or a null or
+ * non-host buffer, -4 when the frame cannot be read or encoded. */
+ZARVEL_AUX_API int32_t zarvel_frame_encode(zarvel_frame_t* frame, int32_t format,
+                                           zarvel_buffer_t* buffer);
+
 #ifdef __cplusplus
 }
 #endif

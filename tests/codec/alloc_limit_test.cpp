@@ -1,0 +1,103 @@
+// Hostile images must not make the decoder allocate more than the image they claim can need.
+// This binary is linked with --wrap=malloc,--wrap=realloc so that it sees every allocation
+// the decoder makes.
+#include <gtest/gtest.h>
+#include <zarvel/aux.h>
+
+#include <cstdlib>
+#include <vector>
+
+#include "codec_test_support.h"
+
+namespace {
+size_t g_largest = 0;
+}  // namespace
+
+extern "C" void* __real_malloc(size_t size);
+extern "C" void* __real_realloc(void* block, size_t size);
+extern "C" void* __wrap_malloc(size_t size) {
+  if (size > g_largest) g_largest = size;
+  return __real_malloc(size);
+}
+extern "C" void* __wrap_realloc(void* block, size_t size) {
+  if (size > g_largest) g_largest = size;
+  return __real_realloc(block, size);
+}
+
+namespace {
+
+// Writes deflate bits: fields least significant bit first, Huffman codes most significant first.
+struct BitWriter {
+  std::vector<uint8_t> out;
+  int used = 8;
+  void bit(int b) {
+    if (used == 8) {
+      out.push_back(0);
+      used = 0;
+    }
+    out.back() |= static_cast<uint8_t>(b << used++);
+  }
+  void field(uint32_t v, int n) {
+    for (int i = 0; i < n; ++i) bit((v >> i) & 1);
+  }
+  void code(uint32_t v, int n) {
+    for (int i = n - 1; i >= 0; --i) bit((v >> i) & 1);
+  }
+};
+
+// A zlib stream of one fixed-Huffman block: a zero byte, then `matches` copies of 258 bytes at
+// distance 1, so it inflates to about 258 times `matches` zero bytes from 13 bits each.
+std::vector<uint8_t> zlib_bomb(int matches) {
+  BitWriter w;
+  w.field(1, 1);    // final block
+  w.field(1, 2);    // fixed Huffman codes
+  w.code(0x30, 8);  // literal 0
+  for (int i = 0; i < matches; ++i) {
+    w.code(0xC5, 8);  // length 258 (symbol 285)
+    w.code(0, 5);     // distance 1
+  }
+  w.code(0, 7);  // end of block
+  std::vector<uint8_t> z = {0x78, 0x01};
+  z.insert(z.end(), w.out.begin(), w.out.end());
+  z.insert(z.end(), {0, 0, 0, 0});  // checksum (not what it should be)
+  return z;
+}
+
+zarvel_frame_t* load_bytes(const std::vector<uint8_t>& b) {
+  return zarvel_frame_load_from_memory(b.data(), static_cast<int32_t>(b.size()));
+}
+
+TEST(CodecAllocLimit, DecompressionBombStopsAtTheClaimedImageSize) {
+  // A 16x16 grey PNG whose image data inflates to 64 MiB.
+  std::vector<uint8_t> png = zarvel::test::make_png(16, 16, 0, 8, std::vector<uint8_t>(256));
+  png.resize(33);  // signature and IHDR
+  zarvel::test::png_chunk(png, "IDAT", zlib_bomb(64 * 4096));
+  zarvel::test::png_chunk(png, "IEND", {});
+  ASSERT_LT(png.size(), 1u << 20);
+  g_largest = 0;
+  EXPECT_EQ(load_bytes(png), nullptr);
+  EXPECT_LT(g_largest, size_t{4} << 20);
+}
+
+TEST(CodecAllocLimit, ChunkClaimingAGigabyteIsNotAllocated) {
+  std::vector<uint8_t> png = zarvel::test::make_png(4, 4, 0, 8, std::vector<uint8_t>(16));
+  png.resize(33);
+  zarvel::test::png_chunk(png, "IDAT", {0x78, 0x01}, (1u << 30) - 1);
+  g_largest = 0;
+  EXPECT_EQ(load_bytes(png), nullptr);
+  EXPECT_LT(g_largest, size_t{4} << 20);
+}
+
+TEST(CodecAllocLimit, RealImagesStillDecode) {
+  // The same small image, honestly encoded, loads; the decoder's largest allocation is small.
+  std::vector<uint8_t> grey(64 * 48);
+  for (size_t i = 0; i < grey.size(); ++i) grey[i] = static_cast<uint8_t>(i * 7);
+  g_largest = 0;
+  zarvel_frame_t* f = load_bytes(zarvel::test::make_png(64, 48, 0, 8, grey));
+  ASSERT_NE(f, nullptr);
+  EXPECT_EQ(f->width, 64);
+  EXPECT_LT(g_largest, size_t{1} << 20);
+  zarvel_frame_free(&f);
+}
+
+}  // namespace

@@ -1,0 +1,112 @@
+// Helpers for the image codec tests: a scratch directory, file bytes, and a minimal PNG writer
+// (stored deflate blocks) that builds any colour type and bit depth, or a deliberately broken
+// header, independently of the encoder under test.
+#pragma once
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace zarvel::test {
+
+// A fresh directory under the system's temporary directory, removed with everything in it.
+class ScratchDir {
+ public:
+  ScratchDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "zarvel_codec_XXXXXX");
+    if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+  }
+  ~ScratchDir() {
+    std::error_code ignored;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+  }
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+
+  bool ok() const { return !path_.empty(); }
+  std::string file(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+inline std::vector<uint8_t> read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+inline void write_file(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
+}
+
+inline uint32_t crc32(const uint8_t* data, size_t n, uint32_t crc = 0) {
+  crc = ~crc;
+  for (size_t i = 0; i < n; ++i) {
+    crc ^= data[i];
+    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  return ~crc;
+}
+
+inline void put_be32(std::vector<uint8_t>& out, uint32_t v) {
+  for (int s = 24; s >= 0; s -= 8) out.push_back(static_cast<uint8_t>(v >> s));
+}
+
+inline void png_chunk(std::vector<uint8_t>& png, const char type[4], const std::vector<uint8_t>& d,
+                      uint32_t claimed_length = UINT32_MAX) {
+  put_be32(png, claimed_length == UINT32_MAX ? static_cast<uint32_t>(d.size()) : claimed_length);
+  std::vector<uint8_t> body(type, type + 4);
+  body.insert(body.end(), d.begin(), d.end());
+  png.insert(png.end(), body.begin(), body.end());
+  put_be32(png, crc32(body.data(), body.size()));
+}
+
+// A PNG of the given IHDR. `samples` holds the image rows without filter bytes (filter 0 is
+// added); 16-bit samples are big-endian byte pairs, as PNG stores them.
+inline std::vector<uint8_t> make_png(uint32_t width, uint32_t height, int color_type, int bit_depth,
+                                     const std::vector<uint8_t>& samples) {
+  std::vector<uint8_t> png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+  std::vector<uint8_t> ihdr;
+  put_be32(ihdr, width);
+  put_be32(ihdr, height);
+  ihdr.insert(ihdr.end(),
+              {static_cast<uint8_t>(bit_depth), static_cast<uint8_t>(color_type), 0, 0, 0});
+  png_chunk(png, "IHDR", ihdr);
+
+  std::vector<uint8_t> raw;
+  const size_t row = height ? samples.size() / height : 0;
+  for (uint32_t y = 0; y < height; ++y) {
+    raw.push_back(0);
+    raw.insert(raw.end(), samples.begin() + y * row, samples.begin() + (y + 1) * row);
+  }
+  std::vector<uint8_t> z = {0x78, 0x01};
+  size_t pos = 0;
+  do {
+    const size_t n = std::min<size_t>(raw.size() - pos, 65535);
+    z.push_back(pos + n == raw.size() ? 1 : 0);
+    z.insert(z.end(), {static_cast<uint8_t>(n), static_cast<uint8_t>(n >> 8),
+                       static_cast<uint8_t>(~n), static_cast<uint8_t>(~n >> 8)});
+    z.insert(z.end(), raw.begin() + pos, raw.begin() + pos + n);
+    pos += n;
+  } while (pos < raw.size());
+  uint32_t a = 1, b = 0;
+  for (uint8_t v : raw) {
+    a = (a + v) % 65521;
+    b = (b + a) % 65521;
+  }
+  put_be32(z, (b << 16) | a);
+  png_chunk(png, "IDAT", z);
+  png_chunk(png, "IEND", {});
+  return png;
+}
+
+}  // namespace zarvel::test
