@@ -6,6 +6,7 @@
 #include "ops/rotate/rotate.h"
 #include "ops/hist/hist.h"
 #include "ops/color/color.h"
+#include "tensor/resize_job.h"
 #include "ops/crop_resize/crop_resize.h"
 #include "tensor/to_tensor.h"
 
@@ -20,7 +21,7 @@ constexpr DeviceApi kHostDeviceApi = {
     /*cvt_color=*/host_cvt_color,
     /*equalize_hist=*/host_equalize_hist,
     /*to_tensor=*/host_to_tensor,
-    /*transform_to_tensor=*/nullptr,
+    /*transform_to_tensor=*/host_transform_to_tensor,
 };
 }  // namespace
 

@@ -137,6 +137,49 @@ ZARVEL_AUX_API int32_t zarvel_frame_save(zarvel_frame_t* frame, const char* path
 ZARVEL_AUX_API int32_t zarvel_frame_encode(zarvel_frame_t* frame, int32_t format,
                                            zarvel_buffer_t* buffer);
 
+/* ---- one-call preprocessing ----
+ * Mode (bits 0-3 of `flags`) and options of zarvel_frame_transform_to_tensor. */
+#define ZARVEL_TRANSFORM_NONE 0u        /* each frame as it is */
+#define ZARVEL_TRANSFORM_RESIZE 1u      /* region `rois[i]` resized to `sizes[i]` */
+#define ZARVEL_TRANSFORM_AFFINE 2u      /* warped by matrices[9 i .. 9 i + 5] */
+#define ZARVEL_TRANSFORM_PERSPECTIVE 3u /* warped by matrices[9 i .. 9 i + 8] */
+#define ZARVEL_TRANSFORM_CHANNEL_NORM 0x10u /* resize mode: each item's own mean and deviation */
+#define ZARVEL_TRANSFORM_HISTOGRAM 0x20u    /* resize mode, GRAY tensors: equalised items */
+
+typedef struct TransformToTensorOption {
+  zarvel_tensor_t* tensor; /* destination; batch item i comes from frames[i] */
+  uint32_t color_type;     /* 0 BGR, 1 RGB, 2 GRAY */
+  uint32_t flags;          /* mode | options */
+  uint64_t frame_count;
+  zarvel_frame_t** frames;
+  Area2D* rois;            /* resize mode: region of each frame */
+  Size2D* sizes;           /* resize mode: item size of each region */
+  float* matrices;         /* warp modes: 9 floats a frame */
+  float mean[3];           /* R, G, B order */
+  float std[3];            /* R, G, B order */
+  float* pads;             /* 3 floats a frame, or null for zeros */
+  zarvel_buffer_t** buffer; /* scratch buffer slot, kept (and grown or replaced) across calls */
+} TransformToTensorOption;
+
+/* Turns each frame into one batch item of option->tensor. In resize mode without options the
+ * region is cut (outside the frame it reads 0), resized with the bilinear resampler of
+ * zarvel_frame_resize and written as zarvel_frame_to_tensor writes it, in one pass. With
+ * CHANNEL_NORM the mean and deviation are the item's own (population statistics per channel,
+ * R, G, B order). Returns 0, -1, -3, -4, -1000 or the failing stage's status. */
+ZARVEL_AUX_API int32_t zarvel_frame_transform_to_tensor(const TransformToTensorOption* option);
+
+/* Fills every batch item of a host tensor from region rois[i] of frames[i]. resize_mode 0
+ * keeps the aspect ratio: scale = max(region width / W, region height / H) and the item size
+ * is the region size divided by it, rounded to the nearest integer, so the region fills the
+ * item's width or height and the rest (right or bottom) is padding; resize_mode 1 stretches
+ * the region to W x H. The region sits at the item's top-left corner; parts of it outside the
+ * frame read 0. scale_y / scale_x (may be null) receive each item's scales, so that results
+ * can be mapped back: frame x = region x + item x * scale_x. */
+ZARVEL_AUX_API int32_t zarvel_frame_transform_to_tensor_batch(
+    zarvel_tensor_t* tensor, uint32_t color_type, uint64_t frame_count, zarvel_frame_t** frames,
+    const Area2D* rois, int32_t resize_mode, const float* mean, const float* std,
+    const float* pads, zarvel_buffer_t** buffer, float* scale_y, float* scale_x);
+
 #ifdef __cplusplus
 }
 #endif
