@@ -165,13 +165,17 @@ bool jpeg_tables_fit(Bytes& in) {
     }
     while (left > 0) {  // as the decoder reads it: tables until the length is used up
       if (in.get() < 0) return true;
+      // Past the end the decoder reads zeros, and still builds the table from the counts it
+      // has: sum them the same way before deciding.
       int symbols = 0;
+      bool ended = false;
       for (int i = 0; i < 16; ++i) {
         const int count = in.get();
-        if (count < 0) return true;
-        symbols += count;
+        ended = ended || count < 0;
+        symbols += count < 0 ? 0 : count;
       }
       if (symbols > 256) return false;
+      if (ended) return true;
       if (!in.skip(symbols)) return true;
       left -= 17 + symbols;
     }

@@ -116,12 +116,14 @@ int32_t run_job(zarvel_tensor_t* tensor, int64_t item, uint32_t color_type, zarv
 
   resample::PlaneResampler resampler;
   RegionRows region(source, roi, ps, nullptr);
-  int32_t status =
-      resampler.init(roi.width, roi.height, size.width, size.height, ps, region.readable());
-  if (status != kOk) return status;
   const int32_t H = tensor->shape[2], C = tensor->shape[1], W = tensor->shape[3];
-  const int32_t rows = std::min(size.height, H);  // rows the item receives
-  const size_t out_row = static_cast<size_t>(size.width) * ps;
+  if (H <= 0 || W <= 0 || C <= 0) return kInvalidArgument;
+  // Only the part of the resized region that the item holds is computed.
+  const int32_t rows = std::min(size.height, H), cols = std::min(size.width, W);
+  int32_t status = resampler.init(roi.width, roi.height, size.width, size.height, ps,
+                                  region.readable(), cols, rows);
+  if (status != kOk) return status;
+  const size_t out_row = static_cast<size_t>(cols) * ps;
   const size_t strip_rows = static_cast<size_t>(std::min(kStripRows, std::max(rows, 1)));
   try {
     scratch.assign(static_cast<size_t>(roi.width) * ps + kRowSlack + strip_rows * out_row, 0);
@@ -138,8 +140,8 @@ int32_t run_job(zarvel_tensor_t* tensor, int64_t item, uint32_t color_type, zarv
     const int32_t last = y0 + n >= rows;
     const int32_t shape[4] = {1, C, last ? H - y0 : n, W};
     TensorPtr view(zarvel_tensor_roi(tensor, start, shape));
-    FramePtr piece(zarvel_frame_make(ZARVEL_MEM_HOST, job.format, strip, size.width, n, nullptr,
-                                     nullptr, nullptr, nullptr));
+    FramePtr piece(zarvel_frame_make(ZARVEL_MEM_HOST, job.format, strip, cols, n, nullptr, nullptr,
+                                     nullptr, nullptr));
     if (!view || !piece) return kFailed;
     return host_to_tensor(view.get(), 0, color_type, piece.get(), mean, std, job.pad);
   };

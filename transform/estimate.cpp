@@ -7,6 +7,7 @@
 #include <zarvel/aux.h>
 
 #include <Eigen/Dense>
+#include <limits>
 #include <new>
 
 namespace zarvel::aux {
@@ -43,6 +44,10 @@ Eigen::VectorXf fit_rotation_with_scale(const float* src, const float* dst, int3
     a.row(rows + i) << y, -x, 0.0f, 1.0f;
     b(i) = dst[2 * i];
     b(rows + i) = dst[2 * i + 1];
+  }
+  // Non-finite points have no least-squares fit; the SVD's iteration is not meant for them.
+  if (!a.allFinite() || !b.allFinite()) {
+    return Eigen::VectorXf::Constant(4, std::numeric_limits<float>::quiet_NaN());
   }
   const Eigen::JacobiSVD<Eigen::MatrixXf> svd(a, Eigen::ComputeThinU | Eigen::ComputeThinV);
   return svd.solve(b);

@@ -15,11 +15,12 @@
 
 namespace zarvel::aux::resample {
 
-void compute_axis_taps(int32_t src_size, int32_t dst_size, AxisTap* taps) {
+void compute_axis_taps(int32_t src_size, int32_t dst_size, AxisTap* taps, int32_t count) {
   // The ratio in single precision, its reciprocal in double rounded to single.
   const float ratio = static_cast<float>(dst_size) / static_cast<float>(src_size);
   const double factor = static_cast<float>(1.0 / static_cast<double>(ratio));
-  for (int32_t d = 0; d < dst_size; ++d) {
+  if (count < 0 || count > dst_size) count = dst_size;
+  for (int32_t d = 0; d < count; ++d) {
     const double f = (d + 0.5) * factor - 0.5;
     int64_t s = static_cast<int64_t>(std::floor(f));
     double frac = f - static_cast<double>(s);
@@ -65,7 +66,10 @@ class Carver {
 }  // namespace
 
 int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int32_t channels,
-                             int64_t readable) {
+                             int64_t readable, int32_t out_w, int32_t out_h) {
+  const int32_t full_w = dw, full_h = dh;
+  if (out_w > 0 && out_w < dw) dw = out_w;
+  if (out_h > 0 && out_h < dh) dh = out_h;
   if (sw <= 0 || sh <= 0 || dw <= 0 || dh <= 0 || channels <= 0 ||
       static_cast<int64_t>(dw) * channels > (int64_t{1} << 28) ||
       static_cast<int64_t>(sw) * channels > (int64_t{1} << 28)) {
@@ -96,8 +100,8 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
   sums_[0] = carve.take<int16_t>(n_);
   sums_[1] = carve.take<int16_t>(n_);
 
-  compute_axis_taps(sw, dw, col_taps);
-  compute_axis_taps(sh, dh, row_taps_);
+  compute_axis_taps(sw, full_w, col_taps, dw);
+  compute_axis_taps(sh, full_h, row_taps_, dh);
   for (int dx = 0; dx < dw; ++dx) {
     const uint32_t pair = static_cast<uint16_t>(col_taps[dx].w0) |
                           (static_cast<uint32_t>(static_cast<uint16_t>(col_taps[dx].w1)) << 16);

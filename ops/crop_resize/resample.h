@@ -20,7 +20,8 @@ struct AxisTap {
   int16_t w0;
   int16_t w1;
 };
-void compute_axis_taps(int32_t src_size, int32_t dst_size, AxisTap* taps);
+// Fills taps[0 .. count) (count <= dst_size; the default -1 means dst_size).
+void compute_axis_taps(int32_t src_size, int32_t dst_size, AxisTap* taps, int32_t count = -1);
 
 // The resampler of one plane geometry: tables built once, then output rows produced one at
 // a time from source rows that the caller supplies (a plane, or rows cut out of a frame on
@@ -30,9 +31,11 @@ class PlaneResampler {
   // Builds the tables. `readable` is how many bytes from the start of every source row may
   // be read (at least sw * channels; 0 means exactly that): more lets the vector rows reach
   // the row's end. Returns 0, or -4 when the scratch block cannot be allocated or the
-  // geometry is out of range. Sizes must be positive.
+  // geometry is out of range. Sizes must be positive. `out_w` x `out_h` (when positive, at
+  // most dw x dh) limits the output to its top-left corner: the scale stays that of dw x dh
+  // but only those rows and columns are computed, and the tables are sized for them.
   int32_t init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int32_t channels,
-               int64_t readable = 0);
+               int64_t readable = 0, int32_t out_w = 0, int32_t out_h = 0);
 
   // Produces every output row: source_row(sy) -> const uint8_t* (sw * channels bytes, valid
   // until the next call), output_row(dy) -> uint8_t* (dw * channels bytes to fill), then

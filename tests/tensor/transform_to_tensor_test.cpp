@@ -108,7 +108,8 @@ TEST(TransformToTensor, PlainResizeModeMatchesBatchAndHandlesPads) {
   auto b = random_frame(ZARVEL_PIXFMT_BGR24, 25, 35, rng);
   zarvel_frame_t* frames[2] = {a.get(), b.get()};
   Area2D rois[2] = {{3, 4, 30, 20}, {-4, 10, 20, 30}};
-  Size2D sizes[2] = {{16, 12}, {16, 16}};
+  // The second item is wider and taller than the tensor: it is clipped, as to-tensor clips.
+  Size2D sizes[2] = {{16, 12}, {40, 30}};
   za::TensorPtr t(zarvel_tensor_alloc(0, ZARVEL_ELEM_F32, 2, 3, 16, 16));
   za::TensorPtr expected(zarvel_tensor_alloc(0, ZARVEL_ELEM_F32, 2, 3, 16, 16));
   zarvel_buffer_t* scratch = zarvel_buffer_alloc(8, ZARVEL_MEM_HOST);
