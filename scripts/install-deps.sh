@@ -3,7 +3,7 @@
 # Idempotent and quiet: packages already present are not touched.
 set -euo pipefail
 packages=(cmake ninja-build g++ gcc make pkg-config git binutils libeigen3-dev libstb-dev
-          googletest libgtest-dev libbenchmark-dev libcli11-dev)
+          googletest libgtest-dev libbenchmark-dev libcli11-dev clang libclang-rt-14-dev)
 if [[ ${ZARVEL_WITH_PEERS:-0} == 1 ]]; then
   packages+=(libopencv-dev libyuv-dev)  # peers for the benchmark comparisons
 fi

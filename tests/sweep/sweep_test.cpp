@@ -1,0 +1,605 @@
+// Bad input at every export: null pointers in every position, zero, negative and huge sizes
+// and strides (including products that wrap in 32 bits), odd 4:2:0 sizes, mismatched formats
+// and memory types, regions outside frames, non-finite matrices and parameters and unknown
+// codes. Each call must return a failure status (or null, or nothing for the estimators),
+// leave the source and a caller's output unchanged when it refuses, and leak nothing (the
+// sanitizer build runs this binary with leak checks).
+#include <gtest/gtest.h>
+#include <zarvel/aux.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <vector>
+
+#include "frame_test_support.h"
+#include "log_capture.h"
+
+namespace {
+
+using zarvel::test::fill_pattern;
+using zarvel::test::LogCapture;
+using zarvel::test::visible_bytes;
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInf = std::numeric_limits<float>::infinity();
+constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
+constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
+
+constexpr uint32_t kFormats[] = {ZARVEL_PIXFMT_GREY, ZARVEL_PIXFMT_RGB24, ZARVEL_PIXFMT_BGR24,
+                                 ZARVEL_PIXFMT_NV12, ZARVEL_PIXFMT_NV21,  ZARVEL_PIXFMT_YU12};
+
+// Sizes no frame may take: empty, negative, and large enough that the pixel count wraps in 32
+// bits and the bytes exceed any allocation (so a correct refusal costs no memory).
+constexpr Size2D kBadSizes[] = {{0, 0},
+                                {0, 8},
+                                {8, 0},
+                                {-2, 8},
+                                {8, -2},
+                                {kMin, 8},
+                                {kMax, kMax},
+                                {1 << 24, 1 << 24},
+                                {kMax - 1, 1 << 17},
+                                {1 << 17, kMax - 1},
+                                {kMin, kMin}};
+
+// Visible bytes of a frame in either memory type.
+std::vector<uint8_t> bytes_of(const zarvel_frame_t* f) {
+  zarvel_frame_t* host = nullptr;
+  if (zarvel_frame_download(f, &host) != 0) return {};
+  std::vector<uint8_t> out = visible_bytes(host);
+  zarvel_frame_free(&host);
+  return out;
+}
+
+struct Frame {
+  zarvel_frame_t* f = nullptr;
+  Frame(uint32_t mem, uint32_t format, int32_t w, int32_t h, int seed = 1) {
+    zarvel_frame_t* host = zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 7);
+    if (host != nullptr) fill_pattern(host, seed);
+    if (mem == ZARVEL_MEM_HOST || host == nullptr) {
+      f = host;
+    } else {
+      zarvel_frame_upload(host, &f);
+      zarvel_frame_free(&host);
+    }
+  }
+  ~Frame() { zarvel_frame_free(&f); }
+  Frame(const Frame&) = delete;
+  Frame& operator=(const Frame&) = delete;
+};
+
+using FrameOp = std::function<int32_t(zarvel_frame_t* src, zarvel_frame_t** dst)>;
+
+// Runs `op` with a null output slot and (when given) with a caller's output frame: each must
+// fail, leave the source and the caller's frame untouched and the caller's slot pointing at
+// its frame. Whatever a refusal leaves in the null slot is freed here.
+void expect_refused(const char* what, zarvel_frame_t* src, zarvel_frame_t* given,
+                    const FrameOp& op) {
+  SCOPED_TRACE(what);
+  const std::vector<uint8_t> src_before = src ? bytes_of(src) : std::vector<uint8_t>{};
+  zarvel_frame_t* slot = nullptr;
+  EXPECT_NE(op(src, &slot), 0);
+  zarvel_frame_free(&slot);
+  if (given != nullptr) {
+    const std::vector<uint8_t> given_before = bytes_of(given);
+    zarvel_frame_t* kept = given;
+    EXPECT_NE(op(src, &kept), 0);
+    EXPECT_EQ(kept, given);
+    EXPECT_EQ(bytes_of(given), given_before);
+  }
+  if (src != nullptr) EXPECT_EQ(bytes_of(src), src_before);
+}
+
+// The single-frame operations with valid parameters, by name.
+struct NamedOp {
+  const char* name;
+  FrameOp op;
+};
+std::vector<NamedOp> frame_ops() {
+  static const float kIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  return {
+      {"crop",
+       [](zarvel_frame_t* s, zarvel_frame_t** d) {
+         return zarvel_frame_crop(s, d, Area2D{0, 0, 4, 4});
+       }},
+      {"resize",
+       [](zarvel_frame_t* s, zarvel_frame_t** d) {
+         return zarvel_frame_resize(s, d, Size2D{6, 6});
+       }},
+      {"scale",
+       [](zarvel_frame_t* s, zarvel_frame_t** d) { return zarvel_frame_scale(s, d, 0.5f); }},
+      {"rotate",
+       [](zarvel_frame_t* s, zarvel_frame_t** d) { return zarvel_frame_rotate(s, d, 0); }},
+      {"equalize_hist",
+       [](zarvel_frame_t* s, zarvel_frame_t** d) { return zarvel_frame_equalize_hist(s, d); }},
+      {"cvt_color",
+       [](zarvel_frame_t* s, zarvel_frame_t** d) {
+         return zarvel_frame_cvt_color(s, d, ZARVEL_PIXFMT_BGR24);
+       }},
+      {"warpaffine",
+       [](zarvel_frame_t* s, zarvel_frame_t** d) {
+         return zarvel_frame_warpaffine(s, d ? *d : nullptr, kIdentity);
+       }},
+      {"warpperspective",
+       [](zarvel_frame_t* s, zarvel_frame_t** d) {
+         return zarvel_frame_warpperspective(s, d ? *d : nullptr, kIdentity);
+       }},
+  };
+}
+
+class Sweep : public ::testing::Test {
+ protected:
+  // Keeps the expected failure messages off the console; dumps them when a case fails.
+  void TearDown() override {
+    if (!HasFailure()) return;
+    for (const auto& m : log_.messages())
+      std::fprintf(stderr, "[%s] %s", m.tag.c_str(), m.text.c_str());
+  }
+  LogCapture log_;
+};
+
+TEST_F(Sweep, FrameOperationsRefuseNullPointers) {
+  Frame grey(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_GREY, 8, 8);
+  Frame out(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_GREY, 8, 8, 3);
+  for (const NamedOp& n : frame_ops()) {
+    SCOPED_TRACE(n.name);
+    expect_refused("null source", nullptr, out.f, n.op);
+    // A null output slot (warps: a null output frame).
+    EXPECT_NE(n.op(grey.f, nullptr), 0);
+  }
+  const float m[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  EXPECT_NE(zarvel_frame_warpaffine(grey.f, out.f, nullptr), 0);
+  EXPECT_NE(zarvel_frame_warpperspective(grey.f, out.f, nullptr), 0);
+  EXPECT_NE(zarvel_frame_warpaffine(nullptr, nullptr, m), 0);
+}
+
+TEST_F(Sweep, FrameOperationsRefuseBadSizesAndParameters) {
+  for (uint32_t format : kFormats) {
+    SCOPED_TRACE(zarvel_frame_pixfmt_to_string(format));
+    Frame src(ZARVEL_MEM_HOST, format, 8, 8);
+    Frame given(ZARVEL_MEM_HOST, format, 8, 8, 5);
+    for (const Size2D size : kBadSizes) {
+      expect_refused("resize", src.f, nullptr, [size](zarvel_frame_t* s, zarvel_frame_t** d) {
+        return zarvel_frame_resize(s, d, size);
+      });
+      expect_refused("crop", src.f, nullptr, [size](zarvel_frame_t* s, zarvel_frame_t** d) {
+        return zarvel_frame_crop(s, d, Area2D{0, 0, size.width, size.height});
+      });
+    }
+    // Ratios that give no pixels, no number, or sizes beyond int32.
+    for (float ratio : {0.0f, -1.0f, kNaN, kInf, -kInf, 1e-30f, 1e30f, 3e9f}) {
+      expect_refused("scale", src.f, nullptr, [ratio](zarvel_frame_t* s, zarvel_frame_t** d) {
+        return zarvel_frame_scale(s, d, ratio);
+      });
+    }
+    for (int32_t code : {-1, 3, 4, kMax, kMin}) {
+      expect_refused("rotate", src.f, given.f, [code](zarvel_frame_t* s, zarvel_frame_t** d) {
+        return zarvel_frame_rotate(s, d, code);
+      });
+    }
+    for (uint32_t to : {0u, 0x34325241u, ~0u}) {
+      expect_refused("cvt_color", src.f, nullptr, [to](zarvel_frame_t* s, zarvel_frame_t** d) {
+        return zarvel_frame_cvt_color(s, d, to);
+      });
+    }
+  }
+}
+
+TEST_F(Sweep, OddYuv420SizesAreRefusedBeforeTouchingPixels) {
+  for (uint32_t format : {ZARVEL_PIXFMT_NV12, ZARVEL_PIXFMT_NV21, ZARVEL_PIXFMT_YU12}) {
+    SCOPED_TRACE(zarvel_frame_pixfmt_to_string(format));
+    Frame src(ZARVEL_MEM_HOST, format, 8, 8);
+    Frame given(ZARVEL_MEM_HOST, format, 8, 8, 9);
+    // Odd sizes asked for through parameters. (A given even output takes an odd-sized resize
+    // in its top-left corner, so only the allocating form must refuse.)
+    for (const Size2D size : {Size2D{7, 8}, Size2D{8, 7}, Size2D{1, 1}}) {
+      expect_refused("resize", src.f, nullptr, [size](zarvel_frame_t* s, zarvel_frame_t** d) {
+        return zarvel_frame_resize(s, d, size);
+      });
+      expect_refused("crop", src.f, given.f, [size](zarvel_frame_t* s, zarvel_frame_t** d) {
+        return zarvel_frame_crop(s, d, Area2D{0, 0, size.width, size.height});
+      });
+    }
+    expect_refused("scale to odd", src.f, nullptr, [](zarvel_frame_t* s, zarvel_frame_t** d) {
+      return zarvel_frame_scale(s, d, 0.375f);  // 8 * 0.375 = 3
+    });
+    // A record whose size became odd: every operation but colour conversion (which leaves odd
+    // sizes open and must only stay inside the planes) refuses it.
+    zarvel_frame_t odd = *src.f;
+    odd.width = 7;
+    for (const NamedOp& n : frame_ops()) {
+      if (std::strcmp(n.name, "cvt_color") != 0) {
+        expect_refused(n.name, &odd, given.f, n.op);
+        continue;
+      }
+      zarvel_frame_t* out = nullptr;
+      n.op(&odd, &out);
+      zarvel_frame_free(&out);
+    }
+  }
+  Frame grey(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_GREY, 7, 5);
+  expect_refused("odd grey to NV12", grey.f, nullptr, [](zarvel_frame_t* s, zarvel_frame_t** d) {
+    return zarvel_frame_cvt_color(s, d, ZARVEL_PIXFMT_NV12);
+  });
+}
+
+TEST_F(Sweep, MismatchedOutputsAreRefusedAndKept) {
+  for (uint32_t src_mem : {ZARVEL_MEM_HOST, ZARVEL_MEM_DEVICE}) {
+    Frame src(src_mem, ZARVEL_PIXFMT_RGB24, 8, 8);
+    Frame other_mem(src_mem == ZARVEL_MEM_HOST ? ZARVEL_MEM_DEVICE : ZARVEL_MEM_HOST,
+                    ZARVEL_PIXFMT_RGB24, 8, 8, 4);
+    Frame other_format(src_mem, ZARVEL_PIXFMT_GREY, 8, 8, 4);
+    Frame too_small(src_mem, ZARVEL_PIXFMT_RGB24, 2, 2, 4);
+    for (const NamedOp& n : frame_ops()) {
+      SCOPED_TRACE(n.name);
+      for (zarvel_frame_t* given : {other_mem.f, other_format.f}) {
+        if (std::strcmp(n.name, "cvt_color") == 0 && given == other_format.f) continue;
+        // An inner crop is a frame copy, which writes into a frame of either memory type.
+        if (std::strcmp(n.name, "crop") == 0 && given == other_mem.f) continue;
+        const std::vector<uint8_t> before = bytes_of(given);
+        zarvel_frame_t* kept = given;
+        EXPECT_NE(n.op(src.f, &kept), 0);
+        EXPECT_EQ(kept, given);
+        EXPECT_EQ(bytes_of(given), before);
+      }
+    }
+    for (const char* name : {"resize", "rotate", "equalize_hist"}) {
+      for (const NamedOp& n : frame_ops()) {
+        if (std::strcmp(n.name, name) != 0) continue;
+        zarvel_frame_t* kept = too_small.f;
+        EXPECT_NE(n.op(src.f, &kept), 0) << name;
+        EXPECT_EQ(kept, too_small.f);
+      }
+    }
+  }
+}
+
+TEST_F(Sweep, CropRegionsOutsideTheFrameAreSafe) {
+  for (uint32_t format : kFormats) {
+    Frame src(ZARVEL_MEM_HOST, format, 8, 8);
+    for (const Area2D area :
+         {Area2D{-100, -100, 4, 4}, Area2D{100, 100, 4, 4}, Area2D{-2, -2, 12, 12},
+          Area2D{kMax - 3, kMax - 3, 2, 2}, Area2D{kMin, kMin, 2, 2}, Area2D{6, 6, 4, 4}}) {
+      zarvel_frame_t* out = nullptr;
+      const int32_t status = zarvel_frame_crop(src.f, &out, area);
+      if (status == 0) {
+        ASSERT_NE(out, nullptr);
+        EXPECT_EQ(out->width, area.width);
+        EXPECT_EQ(out->height, area.height);
+      }
+      zarvel_frame_free(&out);
+    }
+  }
+}
+
+TEST_F(Sweep, WarpsSurviveNonFiniteAndHugeMatrices) {
+  const float kValues[] = {kNaN, kInf, -kInf, 1e30f, -1e30f, 3e9f, 0.0f};
+  for (uint32_t format : kFormats) {
+    SCOPED_TRACE(zarvel_frame_pixfmt_to_string(format));
+    Frame src(ZARVEL_MEM_HOST, format, 16, 8);
+    Frame out(ZARVEL_MEM_HOST, format, 10, 6);
+    for (float v : kValues) {
+      for (int i = 0; i < 9; ++i) {
+        float m[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+        m[i] = v;
+        // Any status will do; the pixels read must lie inside the source (ASan, and the
+        // sentinel rows of the frame library's allocation).
+        zarvel_frame_warpaffine(src.f, out.f, m);
+        zarvel_frame_warpperspective(src.f, out.f, m);
+      }
+    }
+  }
+}
+
+// The estimators check nothing by design (null pointers are the caller's fault); counts and
+// degenerate or non-finite points must still stay inside the given arrays.
+TEST_F(Sweep, EstimatorsSurviveDegeneratePoints) {
+  const float pts[6] = {0, 0, 1, 0, 0, 1};
+  const float line[6] = {0, 0, 1, 1, 2, 2};
+  const float same[6] = {1, 1, 1, 1, 1, 1};
+  const float bad[6] = {kNaN, 0, kInf, 0, 0, -kInf};
+  float fwd[9], inv[9];
+  for (int32_t n : {0, -1, kMin}) zarvel_find_rigid_transform(pts, pts, n, fwd);
+  for (const float* p : {line, same, bad}) {
+    zarvel_find_affine_transform(p, pts, fwd, inv);
+    zarvel_find_similarity_transform(p, pts, fwd, inv);
+    zarvel_find_rigid_transform(p, pts, 3, fwd);
+    zarvel_find_rigid_transform(pts, p, 3, fwd);
+  }
+}
+
+// Tensors of every element type, in host and device memory.
+struct Tensor {
+  zarvel_tensor_t* t;
+  Tensor(uint32_t mem, uint32_t elem, int n, int c, int h, int w)
+      : t(zarvel_tensor_alloc(mem, elem, n, c, h, w)) {}
+  ~Tensor() { zarvel_tensor_free(&t); }
+};
+
+TEST_F(Sweep, FrameToTensorRefusesBadArguments) {
+  Frame rgb(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 8, 8);
+  Frame nv12(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_NV12, 8, 8);
+  Tensor host(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1, 3, 8, 8);
+  Tensor device(ZARVEL_MEM_DEVICE, ZARVEL_ELEM_F32, 1, 3, 8, 8);
+  Tensor s8(ZARVEL_MEM_HOST, ZARVEL_ELEM_S8, 1, 3, 8, 8);
+  const float mean[3] = {0, 0, 0}, std1[3] = {1, 1, 1}, pad[3] = {0, 0, 0};
+  EXPECT_NE(zarvel_frame_to_tensor(nullptr, 0, 0, rgb.f, mean, std1, pad), 0);
+  EXPECT_NE(zarvel_frame_to_tensor(host.t, 0, 0, nullptr, mean, std1, pad), 0);
+  EXPECT_NE(zarvel_frame_to_tensor(host.t, 0, 0, rgb.f, nullptr, std1, pad), 0);
+  EXPECT_NE(zarvel_frame_to_tensor(host.t, 0, 0, rgb.f, mean, nullptr, pad), 0);
+  EXPECT_NE(zarvel_frame_to_tensor(host.t, 0, 0, rgb.f, mean, std1, nullptr), 0);
+  EXPECT_NE(zarvel_frame_to_tensor(device.t, 0, 0, rgb.f, mean, std1, pad), 0);
+  EXPECT_NE(zarvel_frame_to_tensor(s8.t, 0, 0, rgb.f, mean, std1, pad), 0);
+  EXPECT_NE(zarvel_frame_to_tensor(host.t, 0, 0, nv12.f, mean, std1, pad), 0);
+  for (uint32_t color : {3u, 99u, ~0u}) {
+    EXPECT_NE(zarvel_frame_to_tensor(host.t, 0, color, rgb.f, mean, std1, pad), 0);
+  }
+  // Offsets that put the item before the tensor or (after 32-bit wrap-around) past it.
+  for (int32_t offset : {-1, kMin, 1, 3 * 8 * 8, kMax}) {
+    EXPECT_NE(zarvel_frame_to_tensor(host.t, offset, 0, rgb.f, mean, std1, pad), 0) << offset;
+  }
+  // Non-finite statistics are the caller's numbers: any status, no crash.
+  const float weird[3] = {kNaN, kInf, 0.0f};
+  zarvel_frame_to_tensor(host.t, 0, 0, rgb.f, weird, weird, weird);
+}
+
+TEST_F(Sweep, TensorToFramesRefusesBadArguments) {
+  Tensor t(ZARVEL_MEM_HOST, ZARVEL_ELEM_U8, 2, 3, 4, 4);
+  Tensor device(ZARVEL_MEM_DEVICE, ZARVEL_ELEM_U8, 2, 3, 4, 4);
+  zarvel_frame_t* frame = nullptr;
+  EXPECT_NE(zarvel_tensor_to_frames(nullptr, 0, 0, &frame), 0);
+  EXPECT_NE(zarvel_tensor_to_frames(t.t, 0, 0, nullptr), 0);
+  for (uint32_t color : {3u, ~0u}) {
+    EXPECT_NE(zarvel_tensor_to_frames(t.t, color, 0, &frame), 0);
+    EXPECT_EQ(frame, nullptr);
+  }
+  for (int64_t index : {int64_t{-1}, int64_t{2}, int64_t{1} << 40, int64_t{kMin}}) {
+    EXPECT_NE(zarvel_tensor_to_frames(t.t, 0, index, &frame), 0) << index;
+    zarvel_frame_free(&frame);
+  }
+  zarvel_tensor_to_frames(device.t, 0, 0, &frame);  // any status; no host access to the data
+  zarvel_frame_free(&frame);
+  // An element type the reader does not know stores null.
+  zarvel_tensor_t unknown = *t.t;
+  unknown.elem_type = 7;
+  frame = reinterpret_cast<zarvel_frame_t*>(&unknown);
+  zarvel_tensor_to_frames(&unknown, 0, 0, &frame);
+  EXPECT_EQ(frame, nullptr);
+}
+
+TEST_F(Sweep, TransformToTensorRefusesBadOptions) {
+  Frame rgb(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 16, 16);
+  Tensor tensor(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 8, 8);
+  // Arrays hold three items so that a count of three (one more than the tensor's batch) is
+  // only the tensor's problem.
+  zarvel_frame_t* frames[3] = {rgb.f, rgb.f, rgb.f};
+  Area2D rois[3] = {{0, 0, 8, 8}, {4, 4, 8, 8}, {0, 0, 8, 8}};
+  Size2D sizes[3] = {{8, 8}, {8, 8}, {8, 8}};
+  float matrices[27] = {1, 0, 0, 0, 1, 0, 0, 0, 1, 1, 0, 0, 0, 1,
+                        0, 0, 0, 1, 1, 0, 0, 0, 1, 0, 0, 0, 1};
+  zarvel_buffer_t* scratch = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
+  const auto base = [&] {
+    TransformToTensorOption o{};
+    o.tensor = tensor.t;
+    o.color_type = 0;
+    o.flags = ZARVEL_TRANSFORM_RESIZE;
+    o.frame_count = 2;
+    o.frames = frames;
+    o.rois = rois;
+    o.sizes = sizes;
+    o.matrices = matrices;
+    for (int c = 0; c < 3; ++c) o.std[c] = 1.0f;
+    o.buffer = &scratch;
+    return o;
+  };
+  {
+    TransformToTensorOption ok = base();
+    EXPECT_EQ(zarvel_frame_transform_to_tensor(&ok), 0);  // the baseline the cases spoil
+  }
+  EXPECT_NE(zarvel_frame_transform_to_tensor(nullptr), 0);
+  std::vector<std::function<void(TransformToTensorOption&)>> spoil = {
+      [](auto& o) { o.tensor = nullptr; },
+      [](auto& o) { o.frames = nullptr; },
+      [](auto& o) { o.rois = nullptr; },
+      [](auto& o) { o.sizes = nullptr; },
+      [](auto& o) { o.buffer = nullptr; },
+      [](auto& o) { o.frame_count = 3; },  // more items than the tensor holds
+      [](auto& o) { o.color_type = 3; },
+      [](auto& o) { o.flags = 4; },
+      [](auto& o) { o.flags = 15; },
+      [&](auto&) {
+        sizes[1] = Size2D{kMax, kMax};
+      },
+      [&](auto&) {
+        rois[1] = Area2D{0, 0, -8, 8};
+      },
+      [&](auto&) {
+        rois[1] = Area2D{0, 0, kMax, kMax};
+      },
+      [&](auto&) { frames[1] = nullptr; },
+      [](auto& o) {
+        o.flags = ZARVEL_TRANSFORM_AFFINE;
+        o.matrices = nullptr;
+      },
+      [](auto& o) {
+        o.flags = ZARVEL_TRANSFORM_PERSPECTIVE;
+        o.matrices = nullptr;
+      },
+  };
+  for (size_t i = 0; i < spoil.size(); ++i) {
+    TransformToTensorOption o = base();
+    spoil[i](o);
+    EXPECT_NE(zarvel_frame_transform_to_tensor(&o), 0) << "case " << i;
+    sizes[1] = Size2D{8, 8};
+    rois[1] = Area2D{4, 4, 8, 8};
+    frames[1] = rgb.f;
+  }
+  // Non-finite statistics, matrices and regions far outside the frame: any status, no crash.
+  for (uint32_t mode :
+       {ZARVEL_TRANSFORM_NONE, ZARVEL_TRANSFORM_RESIZE, ZARVEL_TRANSFORM_AFFINE,
+        ZARVEL_TRANSFORM_PERSPECTIVE, ZARVEL_TRANSFORM_RESIZE | ZARVEL_TRANSFORM_CHANNEL_NORM}) {
+    TransformToTensorOption o = base();
+    o.flags = mode;
+    o.mean[0] = kNaN;
+    o.std[1] = 0.0f;
+    o.std[2] = kInf;
+    rois[0] = Area2D{kMin, kMin, 8, 8};
+    rois[1] = Area2D{kMax - 8, kMax - 8, 8, 8};
+    for (float& m : matrices) m = kNaN;
+    zarvel_frame_transform_to_tensor(&o);
+    rois[0] = Area2D{0, 0, 8, 8};
+    rois[1] = Area2D{4, 4, 8, 8};
+    for (int i = 0; i < 27; ++i) matrices[i] = (i % 9) % 4 == 0 ? 1.0f : 0.0f;
+  }
+  zarvel_buffer_free(&scratch);
+}
+
+// An item far larger than the tensor: only the corner the tensor holds is computed, so a size
+// whose pixel count passes 2^47 is clipped like any other, without huge tables.
+TEST_F(Sweep, TransformToTensorClipsHugeItemSizes) {
+  Frame rgb(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 16, 16);
+  Tensor tensor(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1, 3, 8, 8);
+  zarvel_frame_t* frames[1] = {rgb.f};
+  Area2D rois[1] = {{0, 0, 8, 8}};
+  Size2D sizes[1] = {{1 << 24, 1 << 24}};
+  zarvel_buffer_t* scratch = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
+  TransformToTensorOption o{};
+  o.tensor = tensor.t;
+  o.flags = ZARVEL_TRANSFORM_RESIZE;
+  o.frame_count = 1;
+  o.frames = frames;
+  o.rois = rois;
+  o.sizes = sizes;
+  for (int c = 0; c < 3; ++c) o.std[c] = 1.0f;
+  o.buffer = &scratch;
+  EXPECT_EQ(zarvel_frame_transform_to_tensor(&o), 0);
+  zarvel_buffer_free(&scratch);
+}
+
+TEST_F(Sweep, BatchTransformRefusesBadArguments) {
+  Frame rgb(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 16, 16);
+  Tensor tensor(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 8, 8);
+  zarvel_frame_t* frames[3] = {rgb.f, rgb.f, rgb.f};
+  const Area2D rois[3] = {{0, 0, 8, 8}, {4, 4, 8, 8}, {0, 0, 8, 8}};
+  const float mean[3] = {0, 0, 0}, std1[3] = {1, 1, 1}, pads[9] = {};
+  float sy[3], sx[3];
+  zarvel_buffer_t* scratch = nullptr;
+  EXPECT_EQ(zarvel_frame_transform_to_tensor_batch(tensor.t, 0, 2, frames, rois, 0, mean, std1,
+                                                   pads, &scratch, sy, sx),
+            0);
+  EXPECT_NE(zarvel_frame_transform_to_tensor_batch(nullptr, 0, 2, frames, rois, 0, mean, std1, pads,
+                                                   &scratch, sy, sx),
+            0);
+  EXPECT_NE(zarvel_frame_transform_to_tensor_batch(tensor.t, 0, 2, nullptr, rois, 0, mean, std1,
+                                                   pads, &scratch, sy, sx),
+            0);
+  EXPECT_NE(zarvel_frame_transform_to_tensor_batch(tensor.t, 0, 2, frames, nullptr, 0, mean, std1,
+                                                   pads, &scratch, sy, sx),
+            0);
+  EXPECT_NE(zarvel_frame_transform_to_tensor_batch(tensor.t, 0, 2, frames, rois, 0, nullptr, std1,
+                                                   pads, &scratch, sy, sx),
+            0);
+  EXPECT_NE(zarvel_frame_transform_to_tensor_batch(tensor.t, 0, 2, frames, rois, 0, mean, nullptr,
+                                                   pads, &scratch, sy, sx),
+            0);
+  EXPECT_NE(zarvel_frame_transform_to_tensor_batch(tensor.t, 0, 2, frames, rois, 0, mean, std1,
+                                                   pads, nullptr, sy, sx),
+            0);
+  EXPECT_NE(zarvel_frame_transform_to_tensor_batch(tensor.t, 0, 3, frames, rois, 0, mean, std1,
+                                                   pads, &scratch, sy, sx),
+            0);
+  EXPECT_NE(zarvel_frame_transform_to_tensor_batch(tensor.t, 3, 2, frames, rois, 0, mean, std1,
+                                                   pads, &scratch, sy, sx),
+            0);
+  for (int32_t mode : {-1, 2, kMax}) {
+    EXPECT_NE(zarvel_frame_transform_to_tensor_batch(tensor.t, 0, 2, frames, rois, mode, mean, std1,
+                                                     pads, &scratch, sy, sx),
+              0);
+  }
+  for (const Area2D bad : {Area2D{0, 0, 0, 8}, Area2D{0, 0, -8, 8}, Area2D{0, 0, kMax, kMax},
+                           Area2D{kMin, kMin, 8, 8}}) {
+    const Area2D r[2] = {rois[0], bad};
+    // Empty and negative regions are refused; others read 0 outside the frame.
+    const int32_t status = zarvel_frame_transform_to_tensor_batch(
+        tensor.t, 0, 2, frames, r, 1, mean, std1, pads, &scratch, nullptr, nullptr);
+    if (bad.width <= 0) EXPECT_NE(status, 0);
+  }
+  zarvel_frame_t* with_null[2] = {rgb.f, nullptr};
+  EXPECT_NE(zarvel_frame_transform_to_tensor_batch(tensor.t, 0, 2, with_null, rois, 0, mean, std1,
+                                                   pads, &scratch, sy, sx),
+            0);
+  zarvel_buffer_free(&scratch);
+}
+
+TEST_F(Sweep, CodecRefusesBadInput) {
+  EXPECT_EQ(zarvel_frame_load(nullptr), nullptr);
+  EXPECT_EQ(zarvel_frame_load("/nonexistent/zarvel/sweep.png"), nullptr);
+  const uint8_t junk[16] = {0x89, 'P', 'N', 'G'};
+  EXPECT_EQ(zarvel_frame_load_from_memory(nullptr, 16), nullptr);
+  for (int32_t size : {0, -1, kMin}) EXPECT_EQ(zarvel_frame_load_from_memory(junk, size), nullptr);
+  EXPECT_EQ(zarvel_frame_load_from_memory(junk, sizeof junk), nullptr);
+  // Headers claiming sizes past the limits: a binary PGM, then 1x1 and 32768x32768 GREY.
+  for (const char* header : {"P5\n40000 1\n255\n", "P5\n1 40000\n255\n", "P5\n8193 8193\n255\n",
+                             "P5\n2147483647 2147483647\n255\n", "P5\n-1 4\n255\n"}) {
+    std::vector<uint8_t> file(header, header + std::strlen(header));
+    file.resize(file.size() + 64, 7);
+    EXPECT_EQ(zarvel_frame_load_from_memory(file.data(), static_cast<int32_t>(file.size())),
+              nullptr)
+        << header;
+  }
+
+  Frame rgb(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 4, 4);
+  zarvel_buffer_t* host = zarvel_buffer_alloc(8, ZARVEL_MEM_HOST);
+  zarvel_buffer_t* device = zarvel_buffer_alloc(8, ZARVEL_MEM_DEVICE);
+  EXPECT_NE(zarvel_frame_encode(nullptr, ZARVEL_IMAGE_PNG, host), 0);
+  EXPECT_NE(zarvel_frame_encode(rgb.f, ZARVEL_IMAGE_PNG, nullptr), 0);
+  EXPECT_NE(zarvel_frame_encode(rgb.f, ZARVEL_IMAGE_PNG, device), 0);
+  for (int32_t format : {0, 4, -1, kMax}) EXPECT_NE(zarvel_frame_encode(rgb.f, format, host), 0);
+  EXPECT_EQ(zarvel_buffer_size(host), 8);  // refused encodes leave the buffer alone
+  EXPECT_NE(zarvel_frame_save(nullptr, "/tmp/zarvel_sweep.png"), 0);
+  EXPECT_NE(zarvel_frame_save(rgb.f, nullptr), 0);
+  EXPECT_NE(zarvel_frame_save(rgb.f, "/tmp/zarvel_sweep.tiff"), 0);
+  EXPECT_NE(zarvel_frame_save(rgb.f, "/nonexistent/zarvel/sweep.png"), 0);
+  zarvel_buffer_free(&host);
+  zarvel_buffer_free(&device);
+}
+
+TEST_F(Sweep, FrameLibraryGuardsSizeProducts) {
+  for (uint32_t format : kFormats) {
+    SCOPED_TRACE(zarvel_frame_pixfmt_to_string(format));
+    for (const Size2D size : kBadSizes) {
+      EXPECT_EQ(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, size.width, size.height, nullptr, 0),
+                nullptr);
+      if (size.width <= 0 || size.height <= 0) {
+        EXPECT_EQ(zarvel_frame_inferred_size(format, size.width, size.height, nullptr), -1);
+      }
+    }
+    // Strides: negative, short of a row, and huge enough that stride x rows wraps in 32 bits.
+    for (int32_t stride : {-1, 1, kMin, kMax}) {
+      const int32_t strides[4] = {stride, stride, stride, stride};
+      EXPECT_EQ(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, 16, 1 << 20, strides, 0), nullptr);
+    }
+    EXPECT_EQ(zarvel_frame_alloc(7u, format, 8, 8, nullptr, 0), nullptr);
+  }
+  // Exact 64-bit answers where 32 bits would wrap.
+  EXPECT_EQ(zarvel_frame_inferred_size(ZARVEL_PIXFMT_RGB24, 65536, 65536, nullptr),
+            int64_t{3} << 32);
+  EXPECT_EQ(zarvel_frame_inferred_size(ZARVEL_PIXFMT_NV12, 65536, 65536, nullptr),
+            int64_t{3} << 31);
+  EXPECT_EQ(zarvel_frame_inferred_size(0x34325241u, 8, 8, nullptr), -1);
+  for (int32_t n : {0, -1, kMin}) {
+    EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, n, 3, 8, 8), nullptr);
+  }
+  EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, kMax, kMax, kMax, kMax), nullptr);
+  EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1 << 16, 1 << 16, 1 << 16, 1),
+            nullptr);
+  EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, 7u, 1, 1, 1, 1), nullptr);
+  EXPECT_EQ(zarvel_buffer_alloc(-1, ZARVEL_MEM_HOST), nullptr);
+  EXPECT_EQ(zarvel_buffer_alloc(int64_t{1} << 62, ZARVEL_MEM_HOST), nullptr);
+  EXPECT_EQ(zarvel_buffer_alloc(int64_t{1} << 62, ZARVEL_MEM_DEVICE), nullptr);
+}
+
+}  // namespace
