@@ -148,7 +148,7 @@ TEST_F(ToolTest, InfoShowsBannerFeaturesAndKernels) {
     EXPECT_NE(r.out.find(std::string("  ") + family), std::string::npos) << family;
 }
 
-TEST_F(ToolTest, CropAndRotateMatchIndexOracles) {
+TEST_F(ToolTest, CropMatchesAnIndexOracle) {
   ASSERT_EQ(tool({"crop", path("in.png"), path("crop.png"), "--area", "16x10-4+6"}).status, 0);
   const Frame crop = load("crop.png");
   ASSERT_TRUE(crop && crop->width == 16 && crop->height == 10);
@@ -156,13 +156,6 @@ TEST_F(ToolTest, CropAndRotateMatchIndexOracles) {
     for (int32_t x = 0; x < 16; ++x)
       for (int c = 0; c < 3; ++c)
         ASSERT_EQ(px(crop.get(), x, y)[c], x < 4 ? 0 : px(rgb_.get(), x - 4, y + 6)[c]) << x << y;
-
-  ASSERT_EQ(tool({"rotate", path("in.png"), path("rot.bmp"), "--angle", "90"}).status, 0);
-  const Frame rot = load("rot.bmp");
-  ASSERT_TRUE(rot && rot->width == 30 && rot->height == 40);
-  for (int32_t y = 0; y < 40; ++y)
-    for (int32_t x = 0; x < 30; ++x)
-      ASSERT_EQ(std::memcmp(px(rot.get(), x, y), px(rgb_.get(), y, 29 - x), 3), 0) << x << y;
 }
 
 TEST_F(ToolTest, FrameOperationsGiveTheLibraryResult) {
@@ -177,6 +170,8 @@ TEST_F(ToolTest, FrameOperationsGiveTheLibraryResult) {
        }},
       {{"resize", "in.png", "r.png", "--scale", "0.7"},
        [](auto s, auto d) { return zarvel_frame_scale(s, d, 0.7f); }},
+      {{"rotate", "in.png", "r.bmp", "--angle", "90"},
+       [](auto s, auto d) { return zarvel_frame_rotate(s, d, 0); }},
       {{"rotate", "in.png", "r.png", "-a", "270"},
        [](auto s, auto d) { return zarvel_frame_rotate(s, d, 2); }},
       {{"cvt", "in.png", "r.png", "--to", "grey"},
@@ -194,7 +189,7 @@ TEST_F(ToolTest, FrameOperationsGiveTheLibraryResult) {
     zarvel_frame_t* expected = nullptr;
     ASSERT_EQ(c.op(src.get(), &expected), 0);
     const Frame owner(expected);
-    EXPECT_TRUE(same_pixels(load("r.png").get(), expected)) << args[0] << " " << args[3];
+    EXPECT_TRUE(same_pixels(load(c.args[2]).get(), expected)) << args[0] << " " << args.back();
   }
 }
 

@@ -131,18 +131,12 @@ void sweep(bool vector) {
       for (bool perspective : {false, true}) {
         for (const auto& m : perspective ? mats.perspective : mats.affine) {
           for (int mode : {0, 1, 5}) {
-            const std::string what = "c=" + std::to_string(c) + " in=" + std::to_string(sh.iw) +
-                                     "x" + std::to_string(sh.ih) + " out=" + std::to_string(sh.ow) +
-                                     "x" + std::to_string(sh.oh) + " mode=" + std::to_string(mode) +
-                                     " persp=" + std::to_string(perspective) +
-                                     " m0=" + std::to_string(m[0]) + " m2=" + std::to_string(m[2]);
-            if (vector) {
-              expect_model(in, sh.ow, sh.oh, sh.out_pad, m.data(), perspective, mode, 77,
-                           zarvel::test::warp::vector_model, what);
-            } else {
-              expect_model(in, sh.ow, sh.oh, sh.out_pad, m.data(), perspective, mode, 77,
-                           zarvel::test::warp::scalar_model, what);
-            }
+            const std::string what = ::testing::PrintToString(std::vector<int>{
+                                         c, sh.iw, sh.ih, sh.ow, sh.oh, mode, perspective}) +
+                                     " m=" + ::testing::PrintToString(m);
+            expect_model(
+                in, sh.ow, sh.oh, sh.out_pad, m.data(), perspective, mode, 77,
+                vector ? zarvel::test::warp::vector_model : zarvel::test::warp::scalar_model, what);
             if (::testing::Test::HasFatalFailure()) return;
           }
         }
@@ -151,15 +145,13 @@ void sweep(bool vector) {
   }
 }
 
-TEST(WarpKernels, ScalarPathMatchesTruncatingModel) {
-  const Variant scalar(false);
-  sweep(false);
-}
-
-TEST(WarpKernels, VectorPathMatchesModelOfItsArithmetic) {
-  if (!has_fma()) GTEST_SKIP() << "no 256-bit FMA on this processor";
-  const Variant vector(true);
-  sweep(true);
+// The scalar path against the truncating model, the vector path against its own arithmetic.
+TEST(WarpKernels, EachPathMatchesItsModel) {
+  for (bool vector : {false, true}) {
+    if (vector && !has_fma()) continue;
+    const Variant variant(vector);
+    sweep(vector);
+  }
 }
 
 // Both paths: the identity reproduces the input, and integer translations shift exactly
