@@ -1,13 +1,11 @@
-// The host implementation of the Device API table. Slots are null until their operation
-// family provides its host function; the exports never reach a null slot.
-#include "plugin/device_api.h"
-
-#include "ops/warp/warp.h"
-#include "ops/rotate/rotate.h"
-#include "ops/hist/hist.h"
+// The host implementation of the Device API table: each slot is its family's host function.
 #include "ops/color/color.h"
-#include "tensor/resize_job.h"
 #include "ops/crop_resize/crop_resize.h"
+#include "ops/hist/hist.h"
+#include "ops/rotate/rotate.h"
+#include "ops/warp/warp.h"
+#include "plugin/device_api.h"
+#include "tensor/resize_job.h"
 #include "tensor/to_tensor.h"
 
 namespace zarvel::aux {

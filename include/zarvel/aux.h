@@ -49,26 +49,25 @@ ZARVEL_AUX_API int32_t zarvel_frame_resize(zarvel_frame_t* src, zarvel_frame_t**
 /* Resize to the source size times `ratio`, truncated toward zero. */
 ZARVEL_AUX_API int32_t zarvel_frame_scale(zarvel_frame_t* src, zarvel_frame_t** dst, float ratio);
 
-/* ---- frames into tensors and back ----
- * Tensor colour types: 0 BGR planes, 1 RGB planes, 2 one GRAY plane. */
+/* ---- colour conversion ----
+ * Converts src into `dst_format` (a ZARVEL_PIXFMT_* code), same width and height. When *out
+ * is null the result is allocated (equal formats, and a 4:2:0 source to GREY, return a new
+ * reference sharing the source's pixels instead); otherwise *out must have src's memory type
+ * and size and the format dst_format. Returns 0, -1, -4, or -1000 for an unsupported pair. */
+ZARVEL_AUX_API int32_t zarvel_frame_cvt_color(zarvel_frame_t* src, zarvel_frame_t** out,
+                                              uint32_t dst_format);
 
-/* Writes a packed RGB/BGR or GREY host or device frame into a host tensor (element types 51
- * u8 or 101 f32) as planes starting at element `offset`: plane c at offset + c * stride[1],
- * rows stride[2] apart. The frame is clipped to the tensor's H x W from its top-left corner and
- * the rest of the item is filled with `pad`. f32 samples are (value - mean) / std; u8 samples
- * are the raw values and pads are truncated to their low 8 bits. mean, std and pad hold three
- * floats in R, G, B order whatever the colour type. */
-ZARVEL_AUX_API int32_t zarvel_frame_to_tensor(zarvel_tensor_t* tensor, int32_t offset,
-                                              uint32_t color_type, zarvel_frame_t* frame,
-                                              const float* mean, const float* std,
-                                              const float* pad);
-/* Reads batch item `index` of a dense planar tensor (element types 101, 51, 11) into a new
- * packed host frame (BGR24, RGB24 or GREY by colour type) stored in *frame; tensor channel c
- * becomes byte c of each pixel, float samples are truncated to their low 8 bits. Returns 75
- * for a refused colour type or a null tensor; an unknown element type stores null and
- * returns 0. */
-ZARVEL_AUX_API int32_t zarvel_tensor_to_frames(const zarvel_tensor_t* tensor, uint32_t color_type,
-                                               int64_t index, zarvel_frame_t** frame);
+/* ---- rotation ----
+ * Turns src clockwise: code 0 by 90 degrees, 1 by 180, 2 by 270; any other code gives -1 and
+ * leaves *dst alone. The output slot works as for resize, with the rotated size required; a
+ * larger given output receives the rotated image in its top-left corner and keeps the rest. */
+ZARVEL_AUX_API int32_t zarvel_frame_rotate(zarvel_frame_t* src, zarvel_frame_t** dst,
+                                           int32_t code);
+
+/* ---- histogram equalisation ----
+ * Spreads the grey levels of a "GREY" frame over 0..255 through its cumulative histogram
+ * (other formats give -1000). The output slot works as for resize, with the source size. */
+ZARVEL_AUX_API int32_t zarvel_frame_equalize_hist(zarvel_frame_t* src, zarvel_frame_t** dst);
 
 /* ---- affine and perspective warps ----
  * `out` must exist, with the format and memory type of `in`; its size is the output size.
@@ -94,48 +93,26 @@ ZARVEL_AUX_API void zarvel_find_similarity_transform(const float* src, const flo
 ZARVEL_AUX_API void zarvel_find_rigid_transform(const float* src, const float* dst, int32_t n,
                                                 float* forward);
 
-/* ---- rotation ----
- * Turns src clockwise: code 0 by 90 degrees, 1 by 180, 2 by 270; any other code gives -1 and
- * leaves *dst alone. The output slot works as for resize, with the rotated size required; a
- * larger given output receives the rotated image in its top-left corner and keeps the rest. */
-ZARVEL_AUX_API int32_t zarvel_frame_rotate(zarvel_frame_t* src, zarvel_frame_t** dst,
-                                           int32_t code);
+/* ---- frames into tensors and back ----
+ * Tensor colour types: 0 BGR planes, 1 RGB planes, 2 one GRAY plane. */
 
-/* ---- histogram equalisation ----
- * Spreads the grey levels of a "GREY" frame over 0..255 through its cumulative histogram
- * (other formats give -1000). The output slot works as for resize, with the source size. */
-ZARVEL_AUX_API int32_t zarvel_frame_equalize_hist(zarvel_frame_t* src, zarvel_frame_t** dst);
-
-/* ---- colour conversion ----
- * Converts src into `dst_format` (a ZARVEL_PIXFMT_* code), same width and height. When *out
- * is null the result is allocated (equal formats, and a 4:2:0 source to GREY, return a new
- * reference sharing the source's pixels instead); otherwise *out must have src's memory type
- * and size and the format dst_format. Returns 0, -1, -4, or -1000 for an unsupported pair. */
-ZARVEL_AUX_API int32_t zarvel_frame_cvt_color(zarvel_frame_t* src, zarvel_frame_t** out,
-                                              uint32_t dst_format);
-
-/* ---- image files ----
- * Loading decodes any image the built-in decoder reads into a new host frame (the caller frees
- * it): 1 or 2 channels give "GREY", 3 or 4 give "RGB24"; alpha is dropped. Images wider or
- * taller than 32768 pixels or larger than 64 Mi pixels are refused. Every failure gives null. */
-ZARVEL_AUX_API zarvel_frame_t* zarvel_frame_load(const char* path);
-ZARVEL_AUX_API zarvel_frame_t* zarvel_frame_load_from_memory(const void* data, int32_t size);
-
-/* Image format numbers of zarvel_frame_encode. */
-#define ZARVEL_IMAGE_JPEG 1
-#define ZARVEL_IMAGE_BMP 2
-#define ZARVEL_IMAGE_PNG 3
-
-/* Writes the frame (host or device memory) as JPEG (quality 100), BMP or PNG, chosen by the
- * path's ending (".jpg", ".jpeg", ".bmp", ".png", any case). "GREY" frames go to PNG as one
- * channel; everything else is converted to "RGB24" first. Returns 0, -1000 for another
- * ending, -1 for a null frame, -4 when the frame cannot be read or written. */
-ZARVEL_AUX_API int32_t zarvel_frame_save(zarvel_frame_t* frame, const char* path);
-/* As zarvel_frame_save, into a host buffer whose contents are replaced; `format` is one of
- * ZARVEL_IMAGE_*. Returns 0, -1000 for another format, -1 for a null frame or a null or
- * non-host buffer, -4 when the frame cannot be read or encoded. */
-ZARVEL_AUX_API int32_t zarvel_frame_encode(zarvel_frame_t* frame, int32_t format,
-                                           zarvel_buffer_t* buffer);
+/* Writes a packed RGB/BGR or GREY host or device frame into a host tensor (element types 51
+ * u8 or 101 f32) as planes starting at element `offset`: plane c at offset + c * stride[1],
+ * rows stride[2] apart. The frame is clipped to the tensor's H x W from its top-left corner and
+ * the rest of the item is filled with `pad`. f32 samples are (value - mean) / std; u8 samples
+ * are the raw values and pads are truncated to their low 8 bits. mean, std and pad hold three
+ * floats in R, G, B order whatever the colour type. */
+ZARVEL_AUX_API int32_t zarvel_frame_to_tensor(zarvel_tensor_t* tensor, int32_t offset,
+                                              uint32_t color_type, zarvel_frame_t* frame,
+                                              const float* mean, const float* std,
+                                              const float* pad);
+/* Reads batch item `index` of a dense planar tensor (element types 101, 51, 11) into a new
+ * packed host frame (BGR24, RGB24 or GREY by colour type) stored in *frame; tensor channel c
+ * becomes byte c of each pixel, float samples are truncated to their low 8 bits. Returns 75
+ * for a refused colour type or a null tensor; an unknown element type stores null and
+ * returns 0. */
+ZARVEL_AUX_API int32_t zarvel_tensor_to_frames(const zarvel_tensor_t* tensor, uint32_t color_type,
+                                               int64_t index, zarvel_frame_t** frame);
 
 /* ---- one-call preprocessing ----
  * Mode (bits 0-3 of `flags`) and options of zarvel_frame_transform_to_tensor. */
@@ -179,6 +156,29 @@ ZARVEL_AUX_API int32_t zarvel_frame_transform_to_tensor_batch(
     zarvel_tensor_t* tensor, uint32_t color_type, uint64_t frame_count, zarvel_frame_t** frames,
     const Area2D* rois, int32_t resize_mode, const float* mean, const float* std,
     const float* pads, zarvel_buffer_t** buffer, float* scale_y, float* scale_x);
+
+/* ---- image files ----
+ * Loading decodes any image the built-in decoder reads into a new host frame (the caller frees
+ * it): 1 or 2 channels give "GREY", 3 or 4 give "RGB24"; alpha is dropped. Images wider or
+ * taller than 32768 pixels or larger than 64 Mi pixels are refused. Every failure gives null. */
+ZARVEL_AUX_API zarvel_frame_t* zarvel_frame_load(const char* path);
+ZARVEL_AUX_API zarvel_frame_t* zarvel_frame_load_from_memory(const void* data, int32_t size);
+
+/* Image format numbers of zarvel_frame_encode. */
+#define ZARVEL_IMAGE_JPEG 1
+#define ZARVEL_IMAGE_BMP 2
+#define ZARVEL_IMAGE_PNG 3
+
+/* Writes the frame (host or device memory) as JPEG (quality 100), BMP or PNG, chosen by the
+ * path's ending (".jpg", ".jpeg", ".bmp", ".png", any case). "GREY" frames go to PNG as one
+ * channel; everything else is converted to "RGB24" first. Returns 0, -1000 for another
+ * ending, -1 for a null frame, -4 when the frame cannot be read or written. */
+ZARVEL_AUX_API int32_t zarvel_frame_save(zarvel_frame_t* frame, const char* path);
+/* As zarvel_frame_save, into a host buffer whose contents are replaced; `format` is one of
+ * ZARVEL_IMAGE_*. Returns 0, -1000 for another format, -1 for a null frame or a null or
+ * non-host buffer, -4 when the frame cannot be read or encoded. */
+ZARVEL_AUX_API int32_t zarvel_frame_encode(zarvel_frame_t* frame, int32_t format,
+                                           zarvel_buffer_t* buffer);
 
 #ifdef __cplusplus
 }

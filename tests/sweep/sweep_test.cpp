@@ -90,7 +90,9 @@ void expect_refused(const char* what, zarvel_frame_t* src, zarvel_frame_t* given
     EXPECT_EQ(kept, given);
     EXPECT_EQ(bytes_of(given), given_before);
   }
-  if (src != nullptr) EXPECT_EQ(bytes_of(src), src_before);
+  if (src != nullptr) {
+    EXPECT_EQ(bytes_of(src), src_before);
+  }
 }
 
 // The single-frame operations with valid parameters, by name.
@@ -525,7 +527,9 @@ TEST_F(Sweep, BatchTransformRefusesBadArguments) {
     // Empty and negative regions are refused; others read 0 outside the frame.
     const int32_t status = zarvel_frame_transform_to_tensor_batch(
         tensor.t, 0, 2, frames, r, 1, mean, std1, pads, &scratch, nullptr, nullptr);
-    if (bad.width <= 0) EXPECT_NE(status, 0);
+    if (bad.width <= 0) {
+      EXPECT_NE(status, 0);
+    }
   }
   zarvel_frame_t* with_null[2] = {rgb.f, nullptr};
   EXPECT_NE(zarvel_frame_transform_to_tensor_batch(tensor.t, 0, 2, with_null, rois, 0, mean, std1,
