@@ -65,29 +65,9 @@ void warp_rows(const WarpJob& j) {
 
 template <bool kPerspective>
 void warp_dispatch(const WarpJob& job, int channels) {
-  auto by_mode = [&job](auto channel_tag) {
-    constexpr int C = decltype(channel_tag)::value;
-    switch (job.border_mode) {
-      case kBorderConstant:
-        return warp_rows<C, kPerspective, kBorderConstant>(job);
-      case kBorderReplicate:
-        return warp_rows<C, kPerspective, kBorderReplicate>(job);
-      case kBorderTransparent:
-        return warp_rows<C, kPerspective, kBorderTransparent>(job);
-      default:
-        return;
-    }
-  };
-  switch (channels) {
-    case 1:
-      return by_mode(std::integral_constant<int, 1>{});
-    case 2:
-      return by_mode(std::integral_constant<int, 2>{});
-    case 3:
-      return by_mode(std::integral_constant<int, 3>{});
-    default:
-      return;
-  }
+  for_channels_and_mode(channels, job.border_mode, [&job](auto c, auto mode) {
+    warp_rows<decltype(c)::value, kPerspective, decltype(mode)::value>(job);
+  });
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #pragma once
 
 #include <cstdint>
+#include <type_traits>
 
 namespace zarvel::aux::warp {
 
@@ -61,6 +62,34 @@ void warp_perspective_fma(const WarpJob& job, int channels);
 inline int32_t trunc_to_int32(float v) {
   if (v >= -2147483648.0f && v < 2147483648.0f) return static_cast<int32_t>(v);
   return INT32_MIN;
+}
+
+// Calls f(channel count, border mode) with both as compile-time constants, for 1 to 3
+// channels and the three border modes; other values do nothing (the kernels' contract).
+template <class F>
+void for_channels_and_mode(int channels, int32_t mode, F&& f) {
+  auto with_mode = [mode, &f](auto c) {
+    switch (mode) {
+      case kBorderConstant:
+        return f(c, std::integral_constant<int32_t, kBorderConstant>{});
+      case kBorderReplicate:
+        return f(c, std::integral_constant<int32_t, kBorderReplicate>{});
+      case kBorderTransparent:
+        return f(c, std::integral_constant<int32_t, kBorderTransparent>{});
+      default:
+        return;
+    }
+  };
+  switch (channels) {
+    case 1:
+      return with_mode(std::integral_constant<int, 1>{});
+    case 2:
+      return with_mode(std::integral_constant<int, 2>{});
+    case 3:
+      return with_mode(std::integral_constant<int, 3>{});
+    default:
+      return;
+  }
 }
 
 }  // namespace zarvel::aux::warp
