@@ -75,7 +75,7 @@ int64_t remaining_bytes(std::FILE* file) {
   return end > start ? end - start : 0;
 }
 
-// Byte readers for the JPEG table check: get() returns -1 at the end of the data.
+// Byte readers for the header checks below: get() returns -1 at the end of the data.
 class MemoryBytes {
  public:
   MemoryBytes(const uint8_t* data, int64_t size) : at_(data), end_(data + size) {}
@@ -142,10 +142,14 @@ class FileBytes {
 // more than 256 make it write past its tables. Walk every marker segment of a JPEG stream the
 // way the decoder does (segments skipped by their length, entropy-coded data skipped up to the
 // next marker) and refuse the stream if any table declares more than 256 symbols. Streams that
-// are not JPEG, or end early, pass: the decoder stops on them by itself.
+// are not JPEG, or end early, pass: the decoder stops on them by itself. The stream's first
+// byte (0xFF) has been read.
 template <class Bytes>
 bool jpeg_tables_fit(Bytes& in) {
-  if (in.get() != 0xFF || in.get() != 0xD8) return true;
+  // The decoder takes any run of 0xFF fill bytes before the start-of-image marker.
+  int first = in.get();
+  while (first == 0xFF) first = in.get();
+  if (first != 0xD8) return true;
   for (;;) {
     if (!in.pass_next_ff()) return true;
     int marker = in.get();
@@ -182,6 +186,39 @@ bool jpeg_tables_fit(Bytes& in) {
   }
 }
 
+// stb_image 2.27 reads the width, height and maximum value of a binary PNM (P5, P6) header
+// into an int without an overflow check. Read the header the same way (whitespace and '#'
+// comments between the numbers) and refuse any number beyond the int range.
+template <class Bytes>
+bool pnm_numbers_fit(Bytes& in) {
+  int c = in.get();
+  for (int number = 0; number < 3; ++number) {
+    for (;;) {
+      while (c == ' ' || (c >= '\t' && c <= '\r')) c = in.get();
+      if (c != '#') break;
+      while (c >= 0 && c != '\n' && c != '\r') c = in.get();
+    }
+    int64_t value = 0;
+    for (; c >= '0' && c <= '9'; c = in.get()) {
+      value = value * 10 + (c - '0');
+      if (value > INT32_MAX) return false;
+    }
+  }
+  return true;
+}
+
+// False for the streams the decoder cannot be trusted with; anything else goes to the decoder.
+template <class Bytes>
+bool header_fits(Bytes& in) {
+  const int first = in.get();
+  if (first == 0xFF) return jpeg_tables_fit(in);
+  if (first == 'P') {
+    const int kind = in.get();
+    return (kind != '5' && kind != '6') || pnm_numbers_fit(in);
+  }
+  return true;
+}
+
 bool accept(stbi_uc* pixels, int width, int height, int channels, DecodedImage* image) {
   if (pixels == nullptr) return false;
   if (!within_decode_limits(width, height)) {
@@ -199,10 +236,10 @@ bool decode_file(std::FILE* file, DecodedImage* image) {
   const long start = std::ftell(file);
   if (start < 0) return false;
   FileBytes bytes(file);
-  const bool tables_fit = jpeg_tables_fit(bytes);
+  const bool fits = header_fits(bytes);
   if (std::fseek(file, start, SEEK_SET) != 0) return false;
-  if (!tables_fit) {
-    stbi__err("bad DHT header", "Corrupt JPEG");
+  if (!fits) {
+    stbi__err("bad header", "Corrupt image header");
     return false;
   }
   int width = 0, height = 0, channels = 0;
@@ -223,8 +260,8 @@ bool decode_memory(const uint8_t* data, int32_t size, DecodedImage* image) {
     return false;
   }
   MemoryBytes bytes(data, size);
-  if (!jpeg_tables_fit(bytes)) {
-    stbi__err("bad DHT header", "Corrupt JPEG");
+  if (!header_fits(bytes)) {
+    stbi__err("bad header", "Corrupt image header");
     return false;
   }
   int width = 0, height = 0, channels = 0;

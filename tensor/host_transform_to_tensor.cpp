@@ -150,9 +150,11 @@ int32_t run_job(zarvel_tensor_t* tensor, int64_t item, uint32_t color_type, zarv
   resampler.run(
       region, [&](int32_t dy) { return strip + static_cast<size_t>(dy - strip_start) * out_row; },
       [&](int32_t dy) {
-        if (status != kOk || dy >= rows) return;
+        if (dy >= rows) return;
         if (dy + 1 - strip_start == static_cast<int32_t>(strip_rows) || dy + 1 == rows) {
-          status = flush(strip_start, dy + 1 - strip_start);
+          // The strip restarts even after a failed flush: the rows still to come must land
+          // inside it.
+          if (status == kOk) status = flush(strip_start, dy + 1 - strip_start);
           strip_start = dy + 1;
         }
       },

@@ -200,20 +200,26 @@ void grey16_stretch_table(const uint32_t* hist, int32_t width, int32_t height, u
 
 void grey16_stretch(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
                     int32_t width, int32_t height) {
+  // Rows step by stride / 2 whole samples. Samples are read with memcpy: a GREY16 plane may
+  // start at an odd address.
+  const int32_t step = src_stride / 2 * 2;
+  const auto sample = [](const uint8_t* p) {
+    uint16_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+  };
   uint32_t hist[65536];
   uint8_t table[65536];
   std::memset(hist, 0, sizeof hist);
-  const int64_t step = src_stride / 2;  // row step in samples
-  const auto* samples = reinterpret_cast<const uint16_t*>(src);
   for (int32_t r = 0; r < height; ++r) {
-    const uint16_t* s = samples + step * r;
-    for (int32_t x = 0; x < width; ++x) ++hist[s[x]];
+    const uint8_t* s = row(src, step, r);
+    for (int32_t x = 0; x < width; ++x) ++hist[sample(s + 2 * x)];
   }
   grey16_stretch_table(hist, width, height, table);
   for (int32_t r = 0; r < height; ++r) {
-    const uint16_t* s = samples + step * r;
+    const uint8_t* s = row(src, step, r);
     uint8_t* d = row(dst, dst_stride, r);
-    for (int32_t x = 0; x < width; ++x) d[x] = table[s[x]];
+    for (int32_t x = 0; x < width; ++x) d[x] = table[sample(s + 2 * x)];
   }
 }
 
