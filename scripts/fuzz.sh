@@ -20,7 +20,13 @@ failed=()
 for t in "${targets[@]}"; do
   mkdir -p "$dir/corpus/$t"
   echo "== $t (${seconds}s)"
-  if ! "$dir/fuzz/$t" "$dir/corpus/$t" "$dir/seeds/$t" -max_total_time="$seconds" -timeout=10 \
+  # The time limit allows the largest image the decoder accepts (64 Mi pixels, which a few
+  # hundred bytes of run-length coded TGA can describe) to decode with coverage and sanitizer
+  # instrumentation on a busy machine: about 0.4 s uninstrumented, up to ten times that here.
+  # Inputs that once failed are replayed first, from the checked-in regression corpus.
+  extra=()
+  [[ -d "$root/fuzz/regressions/$t" ]] && extra+=("$root/fuzz/regressions/$t")
+  if ! "$dir/fuzz/$t" "$dir/corpus/$t" "$dir/seeds/$t" "${extra[@]}" -max_total_time="$seconds" -timeout=30 \
       -rss_limit_mb=2048 -max_len=16384 -print_final_stats=1 \
       -artifact_prefix="$dir/findings/$t-" 2>"$dir/findings/$t.log"; then
     failed+=("$t")
