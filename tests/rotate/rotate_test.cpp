@@ -38,9 +38,11 @@ void expect_rotated(const zarvel_frame_t* src, const zarvel_frame_t* out, int an
     for (uint64_t k = 0; k < out->plane_size[i]; ++k) {
       const int r = static_cast<int>(k / out->stride[i]), x = static_cast<int>(k % out->stride[i]);
       const bool inside = r < oh && x < ow * p;
-      ASSERT_EQ(out->plane[i][k], inside ? want[static_cast<size_t>(r) * ow * p + x] : kSentinel)
-          << "plane " << i << " row " << r << " byte " << x << " (angle " << angle << ", "
-          << src->width << "x" << src->height << ")";
+      const uint8_t want_byte = inside ? want[static_cast<size_t>(r) * ow * p + x] : kSentinel;
+      if (out->plane[i][k] != want_byte)
+        FAIL() << "plane " << i << " row " << r << " byte " << x << ": got " << +out->plane[i][k]
+               << " want " << +want_byte << " (angle " << angle << ", " << src->width << "x"
+               << src->height << ")";
     }
   }
 }
