@@ -11,11 +11,12 @@
 #include <vector>
 
 #include "guarded_buffer.h"
+#include "op_test_support.h"
 #include "ops/crop_resize/resample_kernels.h"
-#include "plugin/cpu_features.h"
 
 namespace rs = zarvel::aux::resample;
 namespace za = zarvel::aux;
+using zarvel::test::FeatureMask;
 using zarvel::test::GuardedBuffer;
 
 namespace {
@@ -57,88 +58,69 @@ std::vector<uint8_t> model_resize(const uint8_t* src, int sw, int sh, int sstrid
   return out;
 }
 
+// 2x2 up to 3x3: the middle taps weigh 1024/1024, the edges clamp. 3x3 down to 2x2: taps at
+// 0.25 and 1.75, weights 1536/512 and 512/1536; the vertical step truncates 727.5 and 761.25
+// before the final rounding. One source pixel fills any output.
 TEST(Resample, HandCheckedTinyCases) {
-  za::set_cpu_feature_mask(0);
-  // 2x2 up to 3x3: the middle taps weigh 1024/1024, the edges clamp.
-  const uint8_t up_src[4] = {0, 100, 200, 255};
-  uint8_t up[9] = {};
-  ASSERT_EQ(rs::resample_plane(up_src, 2, 2, 2, up, 3, 3, 3, 1), 0);
-  const uint8_t up_expected[9] = {0, 50, 100, 100, 139, 178, 200, 228, 255};
-  EXPECT_EQ(std::vector<uint8_t>(up, up + 9), std::vector<uint8_t>(up_expected, up_expected + 9));
-
-  // 3x3 down to 2x2: taps at 0.25 and 1.75, weights 1536/512 and 512/1536; the vertical
-  // step truncates 727.5 and 761.25 before the final rounding.
-  const uint8_t down_src[9] = {0, 40, 80, 120, 160, 200, 240, 250, 255};
-  uint8_t down[4] = {};
-  ASSERT_EQ(rs::resample_plane(down_src, 3, 3, 3, down, 2, 2, 2, 1), 0);
-  EXPECT_EQ(std::vector<uint8_t>(down, down + 4), (std::vector<uint8_t>{40, 100, 214, 238}));
-
-  // One source pixel fills any output; one output row of a two-row source sits between them.
-  const uint8_t one = 77;
-  uint8_t wide[5] = {};
-  ASSERT_EQ(rs::resample_plane(&one, 1, 1, 1, wide, 5, 1, 5, 1), 0);
-  for (uint8_t v : wide) EXPECT_EQ(v, 77);
-  za::set_cpu_feature_mask(~0u);
+  FeatureMask scalar(0);
+  struct Case {
+    int sw, sh, dw, dh;
+    std::vector<uint8_t> src, want;
+  } cases[] = {{2, 2, 3, 3, {0, 100, 200, 255}, {0, 50, 100, 100, 139, 178, 200, 228, 255}},
+               {3, 3, 2, 2, {0, 40, 80, 120, 160, 200, 240, 250, 255}, {40, 100, 214, 238}},
+               {1, 1, 5, 1, {77}, {77, 77, 77, 77, 77}}};
+  for (const Case& c : cases) {
+    std::vector<uint8_t> out(c.want.size());
+    ASSERT_EQ(rs::resample_plane(c.src.data(), c.sw, c.sh, c.sw, out.data(), c.dw, c.dh, c.dw, 1),
+              0);
+    EXPECT_EQ(out, c.want) << c.sw << "x" << c.sh << " -> " << c.dw << "x" << c.dh;
+  }
 }
 
-TEST(Resample, AxisTapsStayInsideThePlane) {
-  for (int src = 1; src <= 40; ++src) {
-    for (int dst = 1; dst <= 90; ++dst) {
-      std::vector<rs::AxisTap> taps(dst);
-      rs::compute_axis_taps(src, dst, taps.data());
-      for (int d = 0; d < dst; ++d) {
-        const auto& t = taps[d];
-        ASSERT_GE(t.index, 0);
-        ASSERT_LT(t.index + (src >= 2 ? 1 : 0), src) << src << "->" << dst << " at " << d;
-        ASSERT_EQ(t.w0 + t.w1, 2048);
-      }
+// Every variant equals the model byte for byte; sources end at a guard page (after the
+// misaligned start), output rows are padded with a sentinel that must survive. With
+// `padded_reads` the vector rows may read the source rows' padding too.
+void expect_model(std::mt19937& rng, int c, int sw, int sh, int dw, int dh, int spad, int misalign,
+                  bool padded_reads) {
+  const int sstride = sw * c + spad, dstride = dw * c + 7;
+  GuardedBuffer src(static_cast<size_t>(sstride) * (sh - 1) + (padded_reads ? sstride : sw * c) +
+                    misalign);
+  uint8_t* s = src.data() + misalign;
+  std::generate(src.data(), src.data() + src.size(), [&] { return uint8_t(rng()); });
+  const auto expected = model_resize(s, sw, sh, sstride, dw, dh, c);
+  for (uint32_t mask : {0u, ~0u}) {
+    FeatureMask features(mask);
+    std::vector<uint8_t> out(static_cast<size_t>(dstride) * dh + 1, 0xA5);
+    rs::PlaneResampler resampler;
+    ASSERT_EQ(resampler.init(sw, sh, dw, dh, c, padded_reads ? sstride : 0), 0);
+    resampler.run([&](int32_t sy) { return s + static_cast<size_t>(sy) * sstride; },
+                  [&](int32_t dy) { return out.data() + 1 + static_cast<size_t>(dy) * dstride; },
+                  [](int32_t) {}, [](int32_t) { return nullptr; });
+    ASSERT_EQ(out[0], 0xA5);
+    for (int y = 0; y < dh; ++y) {
+      const uint8_t* row = out.data() + 1 + static_cast<size_t>(y) * dstride;
+      ASSERT_EQ(std::memcmp(row, &expected[static_cast<size_t>(y) * dw * c], dw * c), 0)
+          << "mask " << mask << " c" << c << " " << sw << "x" << sh << " -> " << dw << "x" << dh
+          << " row " << y;
+      for (int p = dw * c; p < dstride && y + 1 < dh; ++p) ASSERT_EQ(row[p], 0xA5);
     }
   }
 }
 
-// Every variant equals the model byte for byte; sources end at a guard page, output rows
-// are padded with a sentinel that must survive. Half the cases let the vector rows read the
-// source rows' padding too (the last row's padding ends at the guard page).
+// Random shapes up and down; then wide sources, whose strong reductions take the gather form
+// of the horizontal row and mild ones the window form.
 TEST(Resample, VariantsMatchTheModelOverShapesStridesAndAlignments) {
   std::mt19937 rng(1234);
-  const uint32_t masks[] = {0u, ~0u};
-  int cases = 0;
   for (int c = 1; c <= 3; ++c) {
     for (int i = 0; i < 220; ++i) {
-      const int sw = 1 + static_cast<int>(rng() % 70), sh = 1 + static_cast<int>(rng() % 40);
-      const int dw = 1 + static_cast<int>(rng() % 70), dh = 1 + static_cast<int>(rng() % 40);
+      const int sw = 1 + rng() % 70, sh = 1 + rng() % 40, dw = 1 + rng() % 70, dh = 1 + rng() % 40;
       const int spad = static_cast<int>(rng() % 3) * 5, misalign = static_cast<int>(rng() % 4);
-      const int sstride = sw * c + spad, dstride = dw * c + 7;
-      const bool padded_reads = i % 2 == 1;
-      const size_t src_bytes =
-          static_cast<size_t>(sstride) * (sh - 1) + (padded_reads ? sstride : sw * c);
-      GuardedBuffer src(src_bytes + misalign);
-      uint8_t* s = src.data() + misalign;
-      std::generate(src.data(), src.data() + src.size(), [&] { return uint8_t(rng()); });
-      const auto expected = model_resize(s, sw, sh, sstride, dw, dh, c);
-      for (uint32_t mask : masks) {
-        za::set_cpu_feature_mask(mask);
-        std::vector<uint8_t> out(static_cast<size_t>(dstride) * dh + 1, 0xA5);
-        rs::PlaneResampler resampler;
-        ASSERT_EQ(resampler.init(sw, sh, dw, dh, c, padded_reads ? sstride : 0), 0);
-        resampler.run(
-            [&](int32_t sy) { return s + static_cast<size_t>(sy) * sstride; },
-            [&](int32_t dy) { return out.data() + 1 + static_cast<size_t>(dy) * dstride; },
-            [](int32_t) {}, [](int32_t) { return nullptr; });
-        ASSERT_EQ(out[0], 0xA5);
-        for (int y = 0; y < dh; ++y) {
-          const uint8_t* row = out.data() + 1 + static_cast<size_t>(y) * dstride;
-          ASSERT_EQ(std::memcmp(row, &expected[static_cast<size_t>(y) * dw * c], dw * c), 0)
-              << "mask " << mask << " c" << c << " " << sw << "x" << sh << " -> " << dw << "x" << dh
-              << " row " << y;
-          for (int p = dw * c; p < dstride && y + 1 < dh; ++p) ASSERT_EQ(row[p], 0xA5);
-        }
-      }
-      ++cases;
+      ASSERT_NO_FATAL_FAILURE(expect_model(rng, c, sw, sh, dw, dh, spad, misalign, i % 2));
     }
+    for (int sw : {97, 150, 301})
+      for (int dw : {16, 17, 23, 40, 64, 91})
+        ASSERT_NO_FATAL_FAILURE(expect_model(rng, c, sw, 3, dw, 2, 0, 0, false));
   }
-  za::set_cpu_feature_mask(~0u);
-  EXPECT_EQ(cases, 660);
 }
 
 // The vector rows alone, on lengths around their block sizes and on extreme sums.
@@ -161,30 +143,6 @@ TEST(Resample, VerticalVectorRowEqualsScalarRow) {
       ASSERT_EQ(a, b) << n << " " << b1;
     }
   }
-}
-
-// Strong reductions take the gather form of the horizontal row, mild ones the window form;
-// both against the model, with the source ending at a guard page.
-TEST(Resample, WideSourcesAgainstTheModel) {
-  std::mt19937 rng(5);
-  for (int c = 1; c <= 3; ++c) {
-    for (int sw : {97, 150, 301}) {
-      for (int dw : {16, 17, 23, 40, 64, 91}) {
-        const int sh = 3, dh = 2, stride = sw * c;
-        GuardedBuffer src(static_cast<size_t>(stride) * sh);
-        std::generate(src.data(), src.data() + src.size(), [&] { return uint8_t(rng()); });
-        const auto expected = model_resize(src.data(), sw, sh, stride, dw, dh, c);
-        for (uint32_t mask : {0u, ~0u}) {
-          za::set_cpu_feature_mask(mask);
-          std::vector<uint8_t> out(expected.size());
-          ASSERT_EQ(rs::resample_plane(src.data(), sw, sh, stride, out.data(), dw, dh, dw * c, c),
-                    0);
-          ASSERT_EQ(out, expected) << "c" << c << " " << sw << "->" << dw << " mask " << mask;
-        }
-      }
-    }
-  }
-  za::set_cpu_feature_mask(~0u);
 }
 
 }  // namespace

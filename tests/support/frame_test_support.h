@@ -3,8 +3,10 @@
 
 #include <zarvel/frame.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <random>
 #include <utility>
 #include <vector>
 
@@ -31,6 +33,36 @@ void for_each_row(const zarvel_frame_t* f, Fn fn) {
     const auto [row_bytes, rows] = plane_rows(f->format, i, f->width, f->height);
     for (int64_t y = 0; y < rows; ++y) fn(f->plane[i] + y * f->stride[i], row_bytes, i, y);
   }
+}
+
+// Each plane of a format: bytes per pixel and the divisor of width and height.
+struct PlaneGeometry {
+  int pixel_size, div;
+};
+inline std::vector<PlaneGeometry> planes_of(uint32_t format) {
+  switch (format) {
+    case ZARVEL_PIXFMT_GREY:
+      return {{1, 1}};
+    case ZARVEL_PIXFMT_RGB24:
+    case ZARVEL_PIXFMT_BGR24:
+      return {{3, 1}};
+    case ZARVEL_PIXFMT_NV12:
+    case ZARVEL_PIXFMT_NV21:
+      return {{1, 1}, {2, 2}};
+    case ZARVEL_PIXFMT_YU12:
+      return {{1, 1}, {1, 2}, {1, 2}};
+    default:
+      return {};
+  }
+}
+
+// Sets every byte a host frame's planes span, padding included.
+inline void fill_planes(zarvel_frame_t* f, uint8_t value) {
+  for (uint64_t i = 0; i < f->plane_count; ++i) std::fill_n(f->plane[i], f->plane_size[i], value);
+}
+inline void fill_random(zarvel_frame_t* f, std::mt19937& rng) {
+  for (uint64_t i = 0; i < f->plane_count; ++i)
+    for (uint64_t k = 0; k < f->plane_size[i]; ++k) f->plane[i][k] = static_cast<uint8_t>(rng());
 }
 
 inline void fill_pattern(zarvel_frame_t* f, int seed) {

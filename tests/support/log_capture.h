@@ -1,6 +1,7 @@
 // Captures every message sent to zarvel_log while in scope.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <zarvel/core.h>
 
 #include <cstring>
@@ -32,6 +33,23 @@ class LogCapture {
   void clear() {
     std::lock_guard<std::mutex> lock(mutex_);
     messages_.clear();
+  }
+  // Expects exactly these {level, tag, text} messages since the last clear, in order (only
+  // those with tag `only_tag` when one is given); clears.
+  struct Expected {
+    uint32_t level;
+    std::string tag, text;
+  };
+  void expect(const std::vector<Expected>& want, const std::string& only_tag = "") {
+    auto got = messages();
+    if (!only_tag.empty()) std::erase_if(got, [&](const auto& m) { return m.tag != only_tag; });
+    EXPECT_EQ(got.size(), want.size());
+    for (size_t i = 0; i < got.size() && i < want.size(); ++i) {
+      EXPECT_EQ(got[i].level, want[i].level) << got[i].text;
+      EXPECT_EQ(got[i].tag, want[i].tag) << got[i].text;
+      EXPECT_EQ(got[i].text, want[i].text);
+    }
+    clear();
   }
 
  private:

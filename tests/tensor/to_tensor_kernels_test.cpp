@@ -4,38 +4,20 @@
 #include "tensor/to_tensor_kernels.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstring>
 #include <random>
 #include <vector>
 
+#include "guarded_buffer.h"
 #include "plugin/cpu_features.h"
 
 namespace {
 
 namespace tt = zarvel::aux::to_tensor;
 
-// `size` bytes that end where an inaccessible page begins: any read past them faults.
-class GuardedBytes {
- public:
-  explicit GuardedBytes(size_t size) : page_(sysconf(_SC_PAGESIZE)) {
-    span_ = (size + page_ - 1) / page_ * page_ + page_;
-    base_ = static_cast<uint8_t*>(
-        mmap(nullptr, span_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    mprotect(base_ + span_ - page_, page_, PROT_NONE);
-    data_ = base_ + span_ - page_ - size;
-  }
-  ~GuardedBytes() { munmap(base_, span_); }
-  uint8_t* data() { return data_; }
-
- private:
-  size_t page_, span_;
-  uint8_t* base_;
-  uint8_t* data_;
-};
+using zarvel::test::GuardedBuffer;
 
 class ToTensorKernels : public ::testing::Test {
  protected:
@@ -72,7 +54,7 @@ TEST_F(ToTensorKernels, VectorRowsEqualScalarRows) {
   for (int64_t n = 0; n <= 2 * tt::kBlockPixels + 1; ++n) lengths.push_back(n);
   for (const int64_t n : lengths) {
     for (int start = 0; start < 3; ++start) {
-      GuardedBytes packed(static_cast<size_t>(3 * n + start));
+      GuardedBuffer packed(static_cast<size_t>(3 * n + start));
       for (int64_t i = 0; i < 3 * n + start; ++i) packed.data()[i] = static_cast<uint8_t>(rng());
       const uint8_t* src = packed.data() + start;
       for (size_t p = 0; p < std::size(params); ++p) {

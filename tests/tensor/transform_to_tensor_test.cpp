@@ -11,9 +11,8 @@
 #include <vector>
 
 #include "frame_api/frame_api.h"
-#include "frame_test_support.h"
-#include "log_capture.h"
-#include "plugin/cpu_features.h"
+#include "op_test_support.h"
+#include "tensor_test_support.h"
 
 namespace za = zarvel::aux;
 using zarvel::test::LogCapture;
@@ -22,13 +21,15 @@ namespace {
 
 za::FramePtr random_frame(uint32_t format, int w, int h, std::mt19937& rng,
                           uint32_t mem = ZARVEL_MEM_HOST) {
-  za::FramePtr f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 0));
-  const int64_t bytes = zarvel_frame_inferred_size(format, w, h, nullptr);
-  for (int64_t i = 0; i < bytes; ++i) f->plane[0][i] = static_cast<uint8_t>(rng());
-  if (mem == ZARVEL_MEM_HOST) return f;
-  zarvel_frame_t* dev = nullptr;
-  EXPECT_EQ(zarvel_frame_upload(f.get(), &dev), 0);
-  return za::FramePtr(dev);
+  za::FramePtr f(zarvel::test::random_frame(rng, format, w, h));
+  return mem == ZARVEL_MEM_HOST ? std::move(f) : zarvel::test::to_device(f.get());
+}
+
+// An option with mean 0, deviation 1 and zero pads.
+TransformToTensorOption option(zarvel_tensor_t* t, uint32_t ct, uint32_t flags, uint64_t n,
+                               zarvel_frame_t** frames, Area2D* rois, Size2D* sizes,
+                               zarvel_buffer_t** scratch, float* matrices = nullptr) {
+  return {t, ct, flags, n, frames, rois, sizes, matrices, {0, 0, 0}, {1, 1, 1}, nullptr, scratch};
 }
 
 std::vector<uint8_t> tensor_bytes(const zarvel_tensor_t* t) {
@@ -54,7 +55,7 @@ TEST(TransformToTensor, FusedEqualsComposed) {
   const float mean[3] = {10.0f, 120.5f, 200.0f}, std[3] = {50.0f, 60.0f, 0.5f};
   int cases = 0;
   for (uint32_t mask : {0u, ~0u}) {
-    za::set_cpu_feature_mask(mask);
+    zarvel::test::FeatureMask features(mask);
     for (uint32_t color_type : {0u, 1u, 2u}) {
       for (uint32_t elem : {ZARVEL_ELEM_U8, ZARVEL_ELEM_F32}) {
         for (int round = 0; round < 6; ++round) {
@@ -98,7 +99,6 @@ TEST(TransformToTensor, FusedEqualsComposed) {
       }
     }
   }
-  za::set_cpu_feature_mask(~0u);
   EXPECT_EQ(cases, 72);
 }
 
@@ -113,10 +113,7 @@ TEST(TransformToTensor, PlainResizeModeMatchesBatchAndHandlesPads) {
   za::TensorPtr t(zarvel_tensor_alloc(0, ZARVEL_ELEM_F32, 2, 3, 16, 16));
   za::TensorPtr expected(zarvel_tensor_alloc(0, ZARVEL_ELEM_F32, 2, 3, 16, 16));
   zarvel_buffer_t* scratch = zarvel_buffer_alloc(8, ZARVEL_MEM_HOST);
-  TransformToTensorOption o = {t.get(),   1,       ZARVEL_TRANSFORM_RESIZE,
-                               2,         frames,  rois,
-                               sizes,     nullptr, {0, 0, 0},
-                               {1, 1, 1}, nullptr, &scratch};
+  auto o = option(t.get(), 1, ZARVEL_TRANSFORM_RESIZE, 2, frames, rois, sizes, &scratch);
   ASSERT_EQ(zarvel_frame_transform_to_tensor(&o), 0);
   const float zero[3] = {0, 0, 0};
   for (int i = 0; i < 2; ++i)
@@ -143,10 +140,7 @@ TEST(TransformToTensor, RefusalsAndTheirMessages) {
   zarvel_frame_t* mixed[2] = {host.get(), dev.get()};
   Area2D rois[2] = {{0, 0, 8, 8}, {0, 0, 8, 8}};
   Size2D sizes[2] = {{8, 8}, {8, 8}};
-  TransformToTensorOption o = {t.get(),   1,       ZARVEL_TRANSFORM_RESIZE,
-                               2,         mixed,   rois,
-                               sizes,     nullptr, {0, 0, 0},
-                               {1, 1, 1}, nullptr, &scratch};
+  auto o = option(t.get(), 1, ZARVEL_TRANSFORM_RESIZE, 2, mixed, rois, sizes, &scratch);
   EXPECT_EQ(zarvel_frame_transform_to_tensor(nullptr), -1);
   EXPECT_EQ(zarvel_frame_transform_to_tensor(&o), -1);
   ASSERT_FALSE(log.messages().empty());
@@ -224,23 +218,19 @@ TEST(TransformToTensorBatch, ScalesRegionsAndBatchSize) {
 TEST(TransformToTensorBatch, DeviceFramesAreDownloadedWithANote) {
   std::mt19937 rng(12);
   auto host = random_frame(ZARVEL_PIXFMT_BGR24, 50, 40, rng);
-  zarvel_frame_t* dev = nullptr;
-  ASSERT_EQ(zarvel_frame_upload(host.get(), &dev), 0);
-  za::FramePtr dev_owned(dev);
+  auto dev = zarvel::test::to_device(host.get());
   za::TensorPtr a(zarvel_tensor_alloc(0, ZARVEL_ELEM_F32, 1, 3, 20, 20));
   za::TensorPtr b(zarvel_tensor_alloc(0, ZARVEL_ELEM_F32, 1, 3, 20, 20));
   const float mean[3] = {1, 2, 3}, std[3] = {4, 5, 6};
   Area2D roi = {-5, 7, 40, 50};
   zarvel_buffer_t* scratch = nullptr;
-  zarvel_frame_t* hf[1] = {host.get()};
-  ASSERT_EQ(zarvel_frame_transform_to_tensor_batch(a.get(), 0, 1, hf, &roi, 0, mean, std, nullptr,
-                                                   &scratch, nullptr, nullptr),
-            0);
+  zarvel_frame_t* frames[2] = {host.get(), dev.get()};
   LogCapture log;
-  zarvel_frame_t* df[1] = {dev};
-  ASSERT_EQ(zarvel_frame_transform_to_tensor_batch(b.get(), 0, 1, df, &roi, 0, mean, std, nullptr,
-                                                   &scratch, nullptr, nullptr),
-            0);
+  for (int i = 0; i < 2; ++i)
+    ASSERT_EQ(
+        zarvel_frame_transform_to_tensor_batch(i ? b.get() : a.get(), 0, 1, &frames[i], &roi, 0,
+                                               mean, std, nullptr, &scratch, nullptr, nullptr),
+        0);
   EXPECT_EQ(tensor_bytes(a.get()), tensor_bytes(b.get()));
   EXPECT_EQ(zarvel_buffer_mem_type(scratch), ZARVEL_MEM_DEVICE);
   ASSERT_FALSE(log.messages().empty());
@@ -267,18 +257,8 @@ TEST(TransformToTensor, ChannelNormAndHistogram) {
 
   // Colour tensor: every plane is normalised by the item's own statistics.
   za::TensorPtr colour(zarvel_tensor_alloc(0, ZARVEL_ELEM_F32, 1, 3, 15, 20));
-  TransformToTensorOption o = {colour.get(),
-                               1,
-                               ZARVEL_TRANSFORM_RESIZE | ZARVEL_TRANSFORM_CHANNEL_NORM,
-                               1,
-                               frames,
-                               &roi,
-                               &size,
-                               nullptr,
-                               {0, 0, 0},
-                               {1, 1, 1},
-                               nullptr,
-                               &scratch};
+  auto o = option(colour.get(), 1, ZARVEL_TRANSFORM_RESIZE | ZARVEL_TRANSFORM_CHANNEL_NORM, 1,
+                  frames, &roi, &size, &scratch);
   ASSERT_EQ(zarvel_frame_transform_to_tensor(&o), 0);
   for (int c = 0; c < 3; ++c) {
     const auto [m, d] = plane_stats(colour.get(), c);
@@ -331,8 +311,7 @@ TEST(TransformToTensor, WarpModesWriteTheWarpedFrame) {
   za::TensorPtr t(zarvel_tensor_alloc(0, ZARVEL_ELEM_U8, 2, 3, 12, 16));
   zarvel_buffer_t* scratch = zarvel_buffer_alloc(8, ZARVEL_MEM_HOST);
   for (uint32_t mode : {ZARVEL_TRANSFORM_AFFINE, ZARVEL_TRANSFORM_PERSPECTIVE}) {
-    TransformToTensorOption o = {t.get(), 1,        mode,      2,         frames,  nullptr,
-                                 nullptr, matrices, {0, 0, 0}, {1, 1, 1}, nullptr, &scratch};
+    auto o = option(t.get(), 1, mode, 2, frames, nullptr, nullptr, &scratch, matrices);
     ASSERT_EQ(zarvel_frame_transform_to_tensor(&o), 0);
     // The identity warp gives the frame itself in both items; the vector perspective path
     // divides through a reciprocal estimate, so there a byte may be off by one.

@@ -8,9 +8,8 @@
 #include <random>
 #include <string>
 
-#include "frame_api/frame_api.h"
-#include "log_capture.h"
-#include "plugin/cpu_features.h"
+#include "frame_test_support.h"
+#include "op_test_support.h"
 #include "plugin/status.h"
 #include "warp_models.h"
 
@@ -20,7 +19,7 @@
 #endif
 
 namespace za = zarvel::aux;
-using zarvel::test::LogCapture;
+using namespace zarvel::test;
 using zarvel::test::warp::Plane;
 
 namespace {
@@ -30,93 +29,45 @@ constexpr const char* kPerspective = "zarvel_frame_warpperspective";
 
 bool has_fma() { return (za::cpu_features() & za::kCpuAvx2Fma) != 0; }
 
-class Variant {
- public:
-  explicit Variant(bool vector) { za::set_cpu_feature_mask(vector ? ~0u : 0u); }
-  ~Variant() { za::set_cpu_feature_mask(~0u); }
+// Forces one variant for the scope.
+struct Variant : FeatureMask {
+  explicit Variant(bool vector) : FeatureMask(vector ? ~0u : 0u) {}
 };
 
 za::FramePtr alloc(uint32_t format, int w, int h, uint32_t mem = ZARVEL_MEM_HOST) {
   return za::FramePtr(zarvel_frame_alloc(mem, format, w, h, nullptr, 0));
 }
 
-// Planes of a host frame: {plane index, channels, half size}.
-struct PlaneSpec {
-  int index, channels;
-  bool half;
-};
-std::vector<PlaneSpec> planes_of(uint32_t format) {
-  switch (format) {
-    case ZARVEL_PIXFMT_GREY:
-      return {{0, 1, false}};
-    case ZARVEL_PIXFMT_RGB24:
-    case ZARVEL_PIXFMT_BGR24:
-      return {{0, 3, false}};
-    case ZARVEL_PIXFMT_NV12:
-    case ZARVEL_PIXFMT_NV21:
-      return {{0, 1, false}, {1, 2, true}};
-    case ZARVEL_PIXFMT_YU12:
-      return {{0, 1, false}, {1, 1, true}, {2, 1, true}};
-    default:
-      return {};
-  }
-}
-
-Plane read_plane(const zarvel_frame_t* f, const PlaneSpec& p) {
-  const int d = p.half ? 2 : 1;
-  Plane out(f->width / d, f->height / d, p.channels);
+// Plane i of a host frame, tight.
+Plane read_plane(const zarvel_frame_t* f, int i) {
+  const auto [channels, d] = planes_of(f->format)[i];
+  Plane out(f->width / d, f->height / d, channels);
   for (int32_t y = 0; y < out.height; ++y)
-    std::memcpy(out.row(y), f->plane[p.index] + static_cast<size_t>(y) * f->stride[p.index],
-                static_cast<size_t>(out.width) * p.channels);
+    std::memcpy(out.row(y), f->plane[i] + static_cast<size_t>(y) * f->stride[i],
+                static_cast<size_t>(out.width) * channels);
   return out;
 }
 
 void fill_random(zarvel_frame_t* f, uint32_t seed) {
   std::mt19937 rng(seed);
-  for (int i = 0; i < static_cast<int>(f->plane_count); ++i)
-    for (uint64_t k = 0; k < f->plane_size[i]; ++k) f->plane[i][k] = static_cast<uint8_t>(rng());
+  zarvel::test::fill_random(f, rng);
 }
 
 std::string format_name(uint32_t format) { return zarvel_frame_pixfmt_to_string(format); }
 
-TEST(WarpFrame, NullArgumentsAreRefusedSilently) {
-  LogCapture log;
-  auto in = alloc(ZARVEL_PIXFMT_GREY, 4, 4), out = alloc(ZARVEL_PIXFMT_GREY, 4, 4);
-  const float m[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-  zarvel_frame_t no_plane = *in;
-  no_plane.plane[0] = nullptr;
-  for (auto fn : {zarvel_frame_warpaffine, zarvel_frame_warpperspective}) {
-    EXPECT_EQ(fn(nullptr, out.get(), m), za::kInvalidArgument);
-    EXPECT_EQ(fn(in.get(), nullptr, m), za::kInvalidArgument);
-    EXPECT_EQ(fn(&no_plane, out.get(), m), za::kInvalidArgument);
-    EXPECT_EQ(fn(in.get(), &no_plane, m), za::kInvalidArgument);
-  }
-  EXPECT_TRUE(log.messages().empty());
-
-  EXPECT_EQ(zarvel_frame_warpaffine(in.get(), out.get(), nullptr), za::kInvalidArgument);
-  EXPECT_EQ(zarvel_frame_warpperspective(in.get(), out.get(), nullptr), za::kInvalidArgument);
-  const auto messages = log.messages();
-  ASSERT_EQ(messages.size(), 2u);
-  EXPECT_EQ(messages[0].text, std::string("[") + kAffine + "] The transform matrix is null!\n");
-  EXPECT_EQ(messages[1].text,
-            std::string("[") + kPerspective + "] The transform matrix is null!\n");
-  EXPECT_EQ(messages[0].level, 4u);
-  EXPECT_EQ(messages[0].tag, "aux");
-}
-
-TEST(WarpFrame, FramesOfDifferentFormatOrMemoryAreRefused) {
+TEST(WarpFrame, RefusalsAndTheirMessages) {
   LogCapture log;
   auto grey = alloc(ZARVEL_PIXFMT_GREY, 4, 4), rgb = alloc(ZARVEL_PIXFMT_RGB24, 4, 4);
+  EXPECT_EQ(zarvel_frame_warpaffine(grey.get(), grey.get(), nullptr), za::kInvalidArgument);
+  EXPECT_EQ(zarvel_frame_warpperspective(grey.get(), grey.get(), nullptr), za::kInvalidArgument);
   const float m[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   EXPECT_EQ(zarvel_frame_warpaffine(grey.get(), rgb.get(), m), za::kFailed);
-  const auto messages = log.messages();
-  ASSERT_EQ(messages.size(), 1u);
-  EXPECT_EQ(messages[0].level, 4u);
-  EXPECT_EQ(messages[0].text, std::string("[") + kAffine +
-                                  "] Required_frame and given_frame not match:\n\treq:\tgiven:\n"
-                                  "mem:\t0\t0\nfmt:\t" +
-                                  format_name(ZARVEL_PIXFMT_GREY) + "\t" +
-                                  format_name(ZARVEL_PIXFMT_RGB24) + "\n");
+  log.expect({{4, "aux", std::string("[") + kAffine + "] The transform matrix is null!\n"},
+              {4, "aux", std::string("[") + kPerspective + "] The transform matrix is null!\n"},
+              {4, "aux",
+               std::string("[") + kAffine +
+                   "] Required_frame and given_frame not match:\n\treq:\tgiven:\n"
+                   "mem:\t0\t0\nfmt:\tGREY\tRGB24\n"}});
 }
 
 // Every format, output larger and smaller than the input, both transforms, both paths: each
@@ -137,17 +88,16 @@ TEST(WarpFrame, EveryFormatWarpsPlaneByPlane) {
           const float* m = perspective ? persp : affine;
           auto fn = perspective ? zarvel_frame_warpperspective : zarvel_frame_warpaffine;
           ASSERT_EQ(fn(in.get(), out.get(), m), za::kOk);
-          for (const PlaneSpec& p : planes_of(format)) {
+          for (int i = 0; i < static_cast<int>(planes_of(format).size()); ++i) {
             float pm[9];
             std::memcpy(pm, m, sizeof pm);
-            if (p.half) pm[2] *= 0.5f, pm[5] *= 0.5f;
-            const Plane src = read_plane(in.get(), p);
-            Plane want = read_plane(out.get(), p);
+            if (i > 0) pm[2] *= 0.5f, pm[5] *= 0.5f;
+            Plane want = read_plane(out.get(), i);
             std::fill(want.bytes.begin(), want.bytes.end(), 0x5a);
             (vector ? zarvel::test::warp::vector_model : zarvel::test::warp::scalar_model)(
-                src, want, pm, perspective, 0, p.half ? 128 : 0);
-            EXPECT_EQ(read_plane(out.get(), p).bytes, want.bytes)
-                << format_name(format) << " plane " << p.index << " out " << ow << "x" << oh
+                read_plane(in.get(), i), want, pm, perspective, 0, i > 0 ? 128 : 0);
+            EXPECT_EQ(read_plane(out.get(), i).bytes, want.bytes)
+                << format_name(format) << " plane " << i << " out " << ow << "x" << oh
                 << " persp=" << perspective << " vector=" << vector;
           }
         }
@@ -167,17 +117,16 @@ TEST(WarpFrame, ChromaMovesByHalfTheTranslation) {
       fill_random(in.get(), 11);
       const float m[6] = {1, 0, 4, 0, 1, 2};
       ASSERT_EQ(zarvel_frame_warpaffine(in.get(), out.get(), m), za::kOk);
-      for (const PlaneSpec& p : planes_of(format)) {
-        const Plane src = read_plane(in.get(), p), got = read_plane(out.get(), p);
-        const int tx = p.half ? 2 : 4, ty = p.half ? 1 : 2;
+      for (int i = 0; i < static_cast<int>(planes_of(format).size()); ++i) {
+        const Plane src = read_plane(in.get(), i), got = read_plane(out.get(), i);
+        const int tx = i > 0 ? 2 : 4, ty = i > 0 ? 1 : 2, channels = src.channels;
         for (int32_t y = 0; y < got.height; ++y) {
           for (int32_t x = 0; x < got.width; ++x) {
             const bool inside = x + tx < src.width && y + ty < src.height;
-            for (int ch = 0; ch < p.channels; ++ch) {
-              const int want =
-                  inside ? src.row(y + ty)[(x + tx) * p.channels + ch] : (p.half ? 128 : 0);
-              ASSERT_EQ(got.row(y)[x * p.channels + ch], want)
-                  << format_name(format) << " plane " << p.index << " at " << x << "," << y;
+            for (int ch = 0; ch < channels; ++ch) {
+              const int want = inside ? src.row(y + ty)[(x + tx) * channels + ch] : (i ? 128 : 0);
+              ASSERT_EQ(got.row(y)[x * channels + ch], want)
+                  << format_name(format) << " plane " << i << " at " << x << "," << y;
             }
           }
         }
@@ -197,15 +146,10 @@ TEST(WarpFrame, UnsupportedFormatIsLoggedAndReportedAsSuccess) {
     in->meta_word1 = 42;
     auto fn = perspective ? zarvel_frame_warpperspective : zarvel_frame_warpaffine;
     EXPECT_EQ(fn(in.get(), out.get(), m), za::kOk);
-    const auto messages = log.messages();
-    ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0].level, 4u);
-    EXPECT_EQ(messages[0].tag, "aux.host");
-    EXPECT_TRUE(messages[0].tag_padded);
-    EXPECT_EQ(messages[0].text, std::string(perspective ? "Do warpperspective transform"
-                                                        : "Do WarpAffine transform") +
-                                    " for a frame in format [" + format_name(ZARVEL_PIXFMT_GREY16) +
-                                    "] is not supported yet!\n");
+    log.expect(
+        {{4, "aux.host",
+          std::string(perspective ? "Do warpperspective transform" : "Do WarpAffine transform") +
+              " for a frame in format [GREY16] is not supported yet!\n"}});
     for (int32_t y = 0; y < 4; ++y)
       for (int32_t x = 0; x < 12; ++x) ASSERT_EQ(out->plane[0][y * out->stride[0] + x], 0x33);
     EXPECT_EQ(out->meta_word0, 41u);
@@ -239,27 +183,16 @@ TEST(WarpFrame, DeviceFramesFallBackToTheHost) {
     host_in->meta_word0 = 77;
     ASSERT_EQ(fn(host_in.get(), host_out.get(), m), za::kOk);
 
-    zarvel_frame_t* dev = nullptr;
-    ASSERT_EQ(zarvel_frame_upload(host_in.get(), &dev), za::kOk);
-    za::FramePtr dev_in(dev);
+    auto dev_in = to_device(host_in.get());
     dev_in->meta_word0 = 77;
     auto dev_out = alloc(ZARVEL_PIXFMT_NV12, 20, 12, ZARVEL_MEM_DEVICE);
     ASSERT_TRUE(dev_out);
     LogCapture log;
     ASSERT_EQ(fn(dev_in.get(), dev_out.get(), m), za::kOk);
-    const auto messages = log.messages();
-    ASSERT_EQ(messages.size(), 2u);
-    EXPECT_EQ(messages[0].text, "No device api found, pls rebuild with specific device on!\n");
-    EXPECT_EQ(messages[1].text,
-              std::string("Device api not support, fallback to CPU - [") + name + "]!\n");
+    expect_device_fallback(log, name);
     EXPECT_EQ(zarvel_frame_mem_type(dev_out.get()), ZARVEL_MEM_DEVICE);
     EXPECT_EQ(dev_out->meta_word0, 77u);
-    zarvel_frame_t* back = nullptr;
-    ASSERT_EQ(zarvel_frame_download(dev_out.get(), &back), za::kOk);
-    za::FramePtr back_owned(back);
-    for (const PlaneSpec& p : planes_of(ZARVEL_PIXFMT_NV12)) {
-      EXPECT_EQ(read_plane(back, p).bytes, read_plane(host_out.get(), p).bytes) << p.index;
-    }
+    EXPECT_EQ(visible_bytes(to_host(dev_out.get()).get()), visible_bytes(host_out.get()));
   }
 }
 

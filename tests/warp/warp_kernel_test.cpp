@@ -9,8 +9,8 @@
 #include <random>
 #include <string>
 
+#include "op_test_support.h"
 #include "ops/warp/warp.h"
-#include "plugin/cpu_features.h"
 #include "warp_models.h"
 
 namespace za = zarvel::aux;
@@ -25,10 +25,8 @@ constexpr uint8_t kSentinel = 0xA5;
 bool has_fma() { return (za::cpu_features() & za::kCpuAvx2Fma) != 0; }
 
 // Forces one variant for the scope of a test.
-class Variant {
- public:
-  explicit Variant(bool vector) { za::set_cpu_feature_mask(vector ? ~0u : 0u); }
-  ~Variant() { za::set_cpu_feature_mask(~0u); }
+struct Variant : zarvel::test::FeatureMask {
+  explicit Variant(bool vector) : FeatureMask(vector ? ~0u : 0u) {}
 };
 
 zw::PlaneKernel kernel(bool perspective, int channels) {

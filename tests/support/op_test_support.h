@@ -1,0 +1,39 @@
+// Helpers for the operation tests: a scoped processor-feature mask, device copies of frames,
+// and the two messages of the host fallback.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <zarvel/frame.h>
+
+#include <string>
+
+#include "frame_api/frame_api.h"
+#include "log_capture.h"
+#include "plugin/cpu_features.h"
+
+namespace zarvel::test {
+
+// Forces the scalar kernels (mask 0) or allows every variant for the scope.
+struct FeatureMask {
+  explicit FeatureMask(uint32_t mask) { aux::set_cpu_feature_mask(mask); }
+  ~FeatureMask() { aux::set_cpu_feature_mask(~0u); }
+};
+
+inline aux::FramePtr to_device(const zarvel_frame_t* host) {
+  zarvel_frame_t* dev = nullptr;
+  EXPECT_EQ(zarvel_frame_upload(host, &dev), 0);
+  return aux::FramePtr(dev);
+}
+inline aux::FramePtr to_host(const zarvel_frame_t* dev) {
+  zarvel_frame_t* host = nullptr;
+  EXPECT_EQ(zarvel_frame_download(dev, &host), 0);
+  return aux::FramePtr(host);
+}
+
+// A device source makes an operation log these two messages before running on the host.
+inline void expect_device_fallback(LogCapture& log, const std::string& name) {
+  log.expect({{4, "aux", "No device api found, pls rebuild with specific device on!\n"},
+              {0, "aux", "Device api not support, fallback to CPU - [" + name + "]!\n"}});
+}
+
+}  // namespace zarvel::test
