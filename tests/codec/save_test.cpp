@@ -32,7 +32,7 @@ zarvel_frame_t* make_frame(uint32_t format, int32_t w, int32_t h, bool smooth = 
     for (int32_t x = 0; x < w * bpp; ++x) {
       f->plane[0][int64_t{y} * f->stride[0] + x] =
           smooth ? static_cast<uint8_t>(40 + 2 * (x / bpp) + 3 * y + 50 * (x % bpp))
-                 : static_cast<uint8_t>(y * 31 + x * 7 + (x * x) % 13);
+                 : static_cast<uint8_t>(y * 31 + x * 7 + (int64_t{x} * x) % 13);
     }
   }
   return f;
