@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -37,8 +38,7 @@ bool available(const Variant& v) {
 }
 
 // Runs `fn(out)` on an n-byte output pre-filled with a sentinel, with only `v` enabled.
-template <class Fn>
-std::vector<uint8_t> run_as(const Variant& v, size_t n, Fn fn) {
+std::vector<uint8_t> run_as(const Variant& v, size_t n, const std::function<void(uint8_t*)>& fn) {
   za::set_cpu_feature_mask(v.mask);
   std::vector<uint8_t> out(n, 0x5a);
   fn(out.data());
@@ -46,23 +46,16 @@ std::vector<uint8_t> run_as(const Variant& v, size_t n, Fn fn) {
   return out;
 }
 
-void fill_random(std::vector<uint8_t>* bytes, std::mt19937* rng) {
-  for (auto& b : *bytes) b = static_cast<uint8_t>((*rng)());
-}
-
 class ColorKernels : public ::testing::Test {
  protected:
   void TearDown() override { za::set_cpu_feature_mask(~0u); }
 };
 
-// ---- YUV -> RGB ----
-
-// 4:2:0 planes in any of the three layouts, built from planar U and V.
+// 4:2:0 planes in any of the three layouts, built from planar U and V, rows padded by `pad`.
 struct Yuv420 {
   int w, h, y_stride, c_stride;
   std::vector<uint8_t> y, c1, c2;
 };
-
 Yuv420 make_yuv(Chroma chroma, int w, int h, const std::vector<uint8_t>& y,
                 const std::vector<uint8_t>& u, const std::vector<uint8_t>& v, int pad = 0) {
   const int cw = (w + 1) / 2, ch = (h + 1) / 2;
@@ -75,12 +68,10 @@ Yuv420 make_yuv(Chroma chroma, int w, int h, const std::vector<uint8_t>& y,
   // NV21 puts V first; YU12 keeps U and V in planes of their own.
   const std::vector<uint8_t>& first = chroma == Chroma::kNv21 ? v : u;
   const std::vector<uint8_t>& second = chroma == Chroma::kNv21 ? u : v;
-  for (int r = 0; r < ch; ++r) {
-    for (int c = 0; c < cw; ++c) {
-      const int at = r * f.c_stride + (planar ? c : 2 * c);
-      f.c1[at] = first[r * cw + c];
-      (planar ? f.c2[at] : f.c1[at + 1]) = second[r * cw + c];
-    }
+  for (int i = 0; i < ch * cw; ++i) {
+    const int at = i / cw * f.c_stride + (planar ? 1 : 2) * (i % cw);
+    f.c1[at] = first[i];
+    (planar ? f.c2[at] : f.c1[at + 1]) = second[i];
   }
   return f;
 }
@@ -95,213 +86,88 @@ std::vector<uint8_t> to_rgb(const Yuv420& f, Chroma chroma, bool bgr, const Vari
   });
 }
 
-// A 128 x 512 frame that holds every (Y, V) pair with one U: block (j, k) has V = j and the
-// luma values 4k .. 4k + 3. 256 such frames hold every (Y, U, V) triple.
-constexpr int kChunkW = 128, kChunkH = 512;
-void yuv_chunk(int u_value, std::vector<uint8_t>* y, std::vector<uint8_t>* u,
-               std::vector<uint8_t>* v) {
-  y->resize(kChunkW * kChunkH);
-  u->assign(kChunkW / 2 * kChunkH / 2, static_cast<uint8_t>(u_value));
-  v->resize(u->size());
-  for (int r = 0; r < kChunkH; ++r) {
-    for (int c = 0; c < kChunkW; ++c) (*y)[r * kChunkW + c] = (c / 2) * 4 + (r % 2) * 2 + c % 2;
-  }
-  for (int j = 0; j < kChunkH / 2; ++j) {
-    for (int k = 0; k < kChunkW / 2; ++k) (*v)[j * kChunkW / 2 + k] = static_cast<uint8_t>(j);
-  }
-}
-
-TEST_F(ColorKernels, ScalarYuvToRgbMatchesTheFormulaForEveryTriple) {
-  std::vector<uint8_t> y, u, v;
-  for (int uu = 0; uu < 256; ++uu) {
-    yuv_chunk(uu, &y, &u, &v);
-    const Yuv420 f = make_yuv(Chroma::kYu12, kChunkW, kChunkH, y, u, v);
-    const std::vector<uint8_t> out = to_rgb(f, Chroma::kYu12, false, kScalar);
-    for (int r = 0; r < kChunkH; ++r) {
-      for (int c = 0; c < kChunkW; ++c) {
-        const oracle::Rgb want = oracle::yuv_to_rgb(y[r * kChunkW + c], uu, r / 2);
-        const uint8_t* got = &out[(r * kChunkW + c) * 3];
-        if (got[0] != want[0] || got[1] != want[1] || got[2] != want[2]) {
-          FAIL() << "Y " << int(y[r * kChunkW + c]) << " U " << uu << " V " << r / 2;
-        }
-      }
-    }
-  }
-}
-
+// The YUV -> RGB cases: every variant, layout and channel order that has its own code. u_step
+// 1 checks every (Y, U, V) triple; the others share the arithmetic and sample U.
 struct YuvCase {
   Variant variant;
   Chroma chroma;
   bool bgr;
-  int u_step;  // 1: every triple; the other layouts share the arithmetic and sample U
+  int u_step;
+};
+constexpr YuvCase kYuvCases[] = {
+    {kWide, Chroma::kNv12, false, 1},    {kWide, Chroma::kNv12, true, 15},
+    {kWide, Chroma::kNv21, false, 15},   {kWide, Chroma::kNv21, true, 1},
+    {kWide, Chroma::kYu12, false, 15},   {kWide, Chroma::kYu12, true, 1},
+    {kNarrow, Chroma::kYu12, false, 1},  {kNarrow, Chroma::kYu12, true, 15},
+    {kNarrow, Chroma::kNv12, false, 15},  // without the 256-bit level this stays scalar
 };
 
-class YuvVector : public ColorKernels, public ::testing::WithParamInterface<YuvCase> {};
-
-TEST_P(YuvVector, MatchesScalarForEveryTriple) {
-  const YuvCase p = GetParam();
-  if (!available(p.variant)) GTEST_SKIP() << p.variant.name << " not available";
-  std::vector<uint8_t> y, u, v;
-  for (int uu = 0; uu < 256; uu += p.u_step) {
-    yuv_chunk(uu, &y, &u, &v);
-    const Yuv420 f = make_yuv(p.chroma, kChunkW, kChunkH, y, u, v);
-    ASSERT_EQ(to_rgb(f, p.chroma, p.bgr, kScalar), to_rgb(f, p.chroma, p.bgr, p.variant))
-        << "U " << uu;
-  }
-}
-
-TEST_P(YuvVector, MatchesScalarOverShapesAndStrides) {
-  const YuvCase p = GetParam();
-  if (!available(p.variant)) GTEST_SKIP() << p.variant.name << " not available";
-  std::mt19937 rng(7);
-  for (int w = 1; w <= 70; ++w) {
-    for (int h : {1, 2, 3, 6}) {
-      for (int pad : {0, 1, 13}) {
-        std::vector<uint8_t> y(w * h), u((w + 1) / 2 * ((h + 1) / 2)), v(u.size());
-        for (auto* plane : {&y, &u, &v}) fill_random(plane, &rng);
-        const Yuv420 f = make_yuv(p.chroma, w, h, y, u, v, pad);
-        ASSERT_EQ(to_rgb(f, p.chroma, p.bgr, kScalar, pad),
-                  to_rgb(f, p.chroma, p.bgr, p.variant, pad))
-            << "w " << w << " h " << h << " pad " << pad;
+// A 128 x 512 frame per U holds every (Y, V) pair: block (j, k) has V = j and the luma values
+// 4k .. 4k + 3. The scalar path matches the formula for every triple; each vector case
+// matches the scalar path.
+TEST_F(ColorKernels, YuvToRgbForEveryTriple) {
+  constexpr int kW = 128, kH = 512;
+  std::vector<uint8_t> y(kW * kH), u(kW / 2 * kH / 2), v(u.size());
+  for (int i = 0; i < kW * kH; ++i) y[i] = (i % kW / 2) * 4 + (i / kW % 2) * 2 + i % 2;
+  for (size_t i = 0; i < v.size(); ++i) v[i] = static_cast<uint8_t>(i / (kW / 2));
+  for (int uu = 0; uu < 256; ++uu) {
+    std::fill(u.begin(), u.end(), static_cast<uint8_t>(uu));
+    const Yuv420 yu12 = make_yuv(Chroma::kYu12, kW, kH, y, u, v);
+    const std::vector<uint8_t> out = to_rgb(yu12, Chroma::kYu12, false, kScalar);
+    for (int i = 0; i < kW * kH; ++i) {
+      const oracle::Rgb want = oracle::yuv_to_rgb(y[i], uu, i / kW / 2);
+      if (std::memcmp(&out[3 * i], want.data(), 3) != 0) {
+        FAIL() << "Y " << int(y[i]) << " U " << uu << " V " << i / kW / 2;
       }
     }
-  }
-}
-
-std::string yuv_case_name(const ::testing::TestParamInfo<YuvCase>& info) {
-  const char* layouts[] = {"Nv12", "Nv21", "Yu12"};
-  return std::string(info.param.variant.name) + layouts[static_cast<int>(info.param.chroma)] +
-         (info.param.bgr ? "Bgr" : "Rgb");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Layouts, YuvVector,
-    ::testing::Values(
-        YuvCase{kWide, Chroma::kNv12, false, 1}, YuvCase{kWide, Chroma::kNv12, true, 15},
-        YuvCase{kWide, Chroma::kNv21, false, 15}, YuvCase{kWide, Chroma::kNv21, true, 1},
-        YuvCase{kWide, Chroma::kYu12, false, 15}, YuvCase{kWide, Chroma::kYu12, true, 1},
-        YuvCase{kNarrow, Chroma::kYu12, false, 1}, YuvCase{kNarrow, Chroma::kYu12, true, 15},
-        // Without the 256-bit level, the interleaved layouts stay scalar.
-        YuvCase{kNarrow, Chroma::kNv12, false, 15}),
-    yuv_case_name);
-
-// ---- RGB -> YUV ----
-
-struct YuvOut {
-  std::vector<uint8_t> y, c1, c2;
-};
-
-// rgb is w x h packed with stride 3w + pad; outputs tight plus `pad` bytes a row.
-YuvOut from_rgb(const std::vector<uint8_t>& rgb, int w, int h, int pad, bool bgr, Chroma chroma,
-                const Variant& variant) {
-  za::set_cpu_feature_mask(variant.mask);
-  YuvOut o;
-  const int ys = w + pad, cs = (chroma == Chroma::kYu12 ? w / 2 : 2 * (w / 2)) + pad;
-  o.y.assign(static_cast<size_t>(ys) * h, 0x5a);
-  o.c1.assign(static_cast<size_t>(cs) * (h / 2), 0x5a);
-  o.c2 = o.c1;
-  const int v_first = chroma == Chroma::kNv21 ? 1 : 0;
-  const zc::ChromaPlanes planes =
-      chroma == Chroma::kYu12
-          ? zc::ChromaPlanes{o.c1.data(), cs, o.c2.data(), cs, 1}
-          : zc::ChromaPlanes{o.c1.data() + v_first, cs, o.c1.data() + 1 - v_first, cs, 2};
-  zc::rgb_to_yuv420(rgb.data(), 3 * w + pad, bgr, o.y.data(), ys, planes, w, h);
-  za::set_cpu_feature_mask(~0u);
-  return o;
-}
-
-TEST_F(ColorKernels, ScalarRgbToYuvRowsMatchTheFormulaForEveryTriple) {
-  // For one R, a row of 65536 pixels holds every (G, B); the chroma row reads every second one.
-  std::vector<uint8_t> rgb(65536 * 3), y(65536), u(32768), v(32768);
-  for (int r = 0; r < 256; ++r) {
-    for (int i = 0; i < 65536; ++i) {
-      rgb[3 * i] = static_cast<uint8_t>(r);
-      rgb[3 * i + 1] = static_cast<uint8_t>(i >> 8);
-      rgb[3 * i + 2] = static_cast<uint8_t>(i);
-    }
-    zc::rgb_to_luma_row_c(rgb.data(), y.data(), 0, 65536, false);
-    for (int i = 0; i < 65536; ++i) {
-      if (y[i] != oracle::luma_of(r, i >> 8, i & 255)) FAIL() << "Y of " << r << "," << i;
-    }
-    for (const int phase : {0, 1}) {  // top-left pixels at even, then at odd indices
-      zc::rgb_to_chroma_row_c(rgb.data() + 3 * phase, u.data(), v.data(), 1, 0, 32768 - phase,
-                              false);
-      for (int b = 0; b < 32768 - phase; ++b) {
-        const int i = 2 * b + phase, g = i >> 8, bl = i & 255;
-        if (u[b] != oracle::u_of(r, g, bl) || v[b] != oracle::v_of(r, g, bl)) {
-          FAIL() << "UV of " << r << "," << g << "," << bl;
-        }
-      }
+    for (const YuvCase& c : kYuvCases) {
+      if (uu % c.u_step != 0 || !available(c.variant)) continue;
+      const Yuv420 f = make_yuv(c.chroma, kW, kH, y, u, v);
+      ASSERT_EQ(to_rgb(f, c.chroma, c.bgr, kScalar), to_rgb(f, c.chroma, c.bgr, c.variant))
+          << c.variant.name << " layout " << int(c.chroma) << " bgr " << c.bgr << " U " << uu;
     }
   }
 }
 
-struct RgbCase {
-  Chroma chroma;
-  bool bgr;
-};
-class RgbToYuvVector : public ColorKernels, public ::testing::WithParamInterface<RgbCase> {};
-
-TEST_P(RgbToYuvVector, RowsMatchScalarForEveryTriple) {
-  if (!available(kWide)) GTEST_SKIP();
-  const RgbCase p = GetParam();
-  // For one R, a row of 65536 blocks (two equal pixels each) holds every (G, B), as pixels
-  // for the luma and as top-left pixels for the chroma.
+// For one R, a row of 65536 blocks (two equal pixels each) holds every (G, B), as pixels for
+// the luma and as top-left pixels for the chroma. The scalar rows match the formula; the
+// vector rows (luma alone, and luma with chroma) match the scalar ones in every layout.
+TEST_F(ColorKernels, RgbToYuvRowsForEveryTriple) {
   constexpr int kWidth = 2 * 65536;
-  std::vector<uint8_t> rgb(3 * kWidth), ys(kWidth), yv(kWidth), yl(kWidth);
-  std::vector<uint8_t> cs(kWidth), cv(kWidth);
-  const int step = p.chroma == Chroma::kYu12 ? 1 : 2;
-  const ptrdiff_t u_at = p.chroma == Chroma::kNv21 ? 1 : 0;
-  const ptrdiff_t v_at = p.chroma == Chroma::kNv12 ? 1 : (step == 1 ? 65536 : 0);
+  const bool vector = available(kWide);
+  std::vector<uint8_t> rgb(3 * kWidth), ys(kWidth), yv(kWidth), yl(kWidth), cs(kWidth), cv(kWidth);
   for (int r = 0; r < 256; ++r) {
     for (int i = 0; i < kWidth; ++i) {
-      const uint8_t px[3] = {static_cast<uint8_t>(r), static_cast<uint8_t>(i >> 9),
-                             static_cast<uint8_t>(i >> 1)};
+      const uint8_t px[3] = {uint8_t(r), uint8_t(i >> 9), uint8_t(i >> 1)};
       std::memcpy(&rgb[3 * i], px, 3);
     }
-    zc::rgb_to_luma_row_c(rgb.data(), ys.data(), 0, kWidth, p.bgr);
-    zc::rgb_to_chroma_row_c(rgb.data(), cs.data() + u_at, cs.data() + v_at, step, 0, 65536, p.bgr);
-
-    int done = zc::rgb_to_luma_chroma_row_avx2(rgb.data(), yv.data(), cv.data() + u_at,
-                                               cv.data() + v_at, step, kWidth, p.bgr);
-    zc::rgb_to_luma_row_c(rgb.data(), yv.data(), done, kWidth, p.bgr);
-    zc::rgb_to_chroma_row_c(rgb.data(), cv.data() + u_at, cv.data() + v_at, step, done / 2, 65536,
-                            p.bgr);
-    ASSERT_EQ(ys, yv) << "R " << r;
-    ASSERT_EQ(cs, cv) << "R " << r;
-
-    done = zc::rgb_to_luma_row_avx2(rgb.data(), yl.data(), kWidth, p.bgr);
-    zc::rgb_to_luma_row_c(rgb.data(), yl.data(), done, kWidth, p.bgr);
-    ASSERT_EQ(ys, yl) << "R " << r;
-  }
-}
-
-TEST_P(RgbToYuvVector, MatchesScalarOverShapesAndStrides) {
-  if (!available(kWide)) GTEST_SKIP();
-  const RgbCase p = GetParam();
-  std::mt19937 rng(11);
-  for (int w = 1; w <= 70; ++w) {
-    for (int h : {1, 2, 3, 4}) {
-      for (int pad : {0, 5}) {
-        std::vector<uint8_t> rgb(static_cast<size_t>(3 * w + pad) * h);
-        fill_random(&rgb, &rng);
-        const YuvOut s = from_rgb(rgb, w, h, pad, p.bgr, p.chroma, kScalar);
-        const YuvOut v = from_rgb(rgb, w, h, pad, p.bgr, p.chroma, kWide);
-        ASSERT_TRUE(s.y == v.y && s.c1 == v.c1 && s.c2 == v.c2) << "w " << w << " h " << h;
-        if (pad) {
-          ASSERT_EQ(v.y[w], 0x5a);  // padding keeps its sentinel
+    for (const auto [chroma, bgr] :
+         {std::pair{Chroma::kNv12, false}, std::pair{Chroma::kNv21, true},
+          std::pair{Chroma::kYu12, false}}) {
+      const int step = chroma == Chroma::kYu12 ? 1 : 2;
+      const ptrdiff_t u_at = chroma == Chroma::kNv21 ? 1 : 0;
+      const ptrdiff_t v_at = chroma == Chroma::kNv12 ? 1 : (step == 1 ? 65536 : 0);
+      zc::rgb_to_luma_row_c(rgb.data(), ys.data(), 0, kWidth, bgr);
+      zc::rgb_to_chroma_row_c(rgb.data(), cs.data() + u_at, cs.data() + v_at, step, 0, 65536, bgr);
+      for (int b = 0; chroma == Chroma::kNv12 && b < 65536; ++b) {
+        const int g = b >> 8, bl = b & 255;
+        if (ys[2 * b] != oracle::luma_of(r, g, bl) || ys[2 * b + 1] != ys[2 * b] ||
+            cs[2 * b] != oracle::u_of(r, g, bl) || cs[2 * b + 1] != oracle::v_of(r, g, bl)) {
+          FAIL() << "YUV of " << r << "," << g << "," << bl;
         }
       }
+      if (!vector) continue;
+      int done = zc::rgb_to_luma_chroma_row_avx2(rgb.data(), yv.data(), cv.data() + u_at,
+                                                 cv.data() + v_at, step, kWidth, bgr);
+      zc::rgb_to_luma_row_c(rgb.data(), yv.data(), done, kWidth, bgr);
+      zc::rgb_to_chroma_row_c(rgb.data(), cv.data() + u_at, cv.data() + v_at, step, done / 2, 65536,
+                              bgr);
+      done = zc::rgb_to_luma_row_avx2(rgb.data(), yl.data(), kWidth, bgr);
+      zc::rgb_to_luma_row_c(rgb.data(), yl.data(), done, kWidth, bgr);
+      ASSERT_TRUE(ys == yv && cs == cv && ys == yl) << "R " << r << " layout " << int(chroma);
     }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Layouts, RgbToYuvVector,
-                         ::testing::Values(RgbCase{Chroma::kNv12, false},
-                                           RgbCase{Chroma::kNv21, true},
-                                           RgbCase{Chroma::kYu12, false}));
-
-// ---- packed and grey rows ----
 
 std::vector<uint8_t> rgb_to_grey(const std::vector<uint8_t>& rgb, int w, int h, int pad, bool bgr,
                                  const Variant& variant) {
@@ -315,9 +181,8 @@ TEST_F(ColorKernels, GreyMatchesTheFormulaAndTheVectorPathForEveryTriple) {
   std::vector<uint8_t> rgb(256 * 256 * 3);
   for (int r = 0; r < 256; ++r) {
     for (int i = 0; i < 256 * 256; ++i) {
-      rgb[3 * i] = static_cast<uint8_t>(r);
-      rgb[3 * i + 1] = static_cast<uint8_t>(i / 256);
-      rgb[3 * i + 2] = static_cast<uint8_t>(i % 256);
+      const uint8_t px[3] = {uint8_t(r), uint8_t(i / 256), uint8_t(i % 256)};
+      std::memcpy(&rgb[3 * i], px, 3);
     }
     for (const bool bgr : {false, true}) {
       const std::vector<uint8_t> s = rgb_to_grey(rgb, 256, 256, 0, bgr, kScalar);
@@ -325,51 +190,59 @@ TEST_F(ColorKernels, GreyMatchesTheFormulaAndTheVectorPathForEveryTriple) {
         const int a = r, b = i / 256, c = i % 256;
         ASSERT_EQ(s[i], bgr ? oracle::grey_of(c, b, a) : oracle::grey_of(a, b, c));
       }
-      if (vector) {
-        ASSERT_EQ(s, rgb_to_grey(rgb, 256, 256, 0, bgr, kWide)) << "R " << r;
-      }
+      if (vector) ASSERT_EQ(s, rgb_to_grey(rgb, 256, 256, 0, bgr, kWide)) << "R " << r;
     }
   }
 }
 
-TEST_F(ColorKernels, PackedRowsMatchScalarOverShapesAndStrides) {
-  if (!available(kWide)) GTEST_SKIP();
-  std::mt19937 rng(3);
+// Every vector kernel against the scalar one over widths 1..70 that straddle the vector
+// blocks, several heights and padded strides; padding keeps its sentinel.
+TEST_F(ColorKernels, VectorPathsMatchScalarOverShapesAndStrides) {
+  std::mt19937 rng(7);
   for (int w = 1; w <= 70; ++w) {
-    for (int pad : {0, 1, 7}) {
-      const int h = 3;
-      std::vector<uint8_t> rgb(static_cast<size_t>(3 * w + pad) * h);
-      fill_random(&rgb, &rng);
-      for (const bool bgr : {false, true}) {
-        ASSERT_EQ(rgb_to_grey(rgb, w, h, pad, bgr, kScalar),
-                  rgb_to_grey(rgb, w, h, pad, bgr, kWide));
-      }
-
-      // Each packed op: scalar == vector, then one spot check of the scalar bytes.
-      auto both = [&](auto fn) {
-        std::vector<uint8_t> s = run_as(kScalar, rgb.size(), fn);
-        EXPECT_EQ(s, run_as(kWide, rgb.size(), fn)) << "w " << w << " pad " << pad;
-        return s;
-      };
-      const std::vector<uint8_t> swapped =
-          both([&](uint8_t* o) { zc::swap_rb(rgb.data(), 3 * w + pad, o, 3 * w + pad, w, h); });
-      for (int r = 0; r < h; ++r) {
-        for (int x = 0; x < w; ++x) {
-          const size_t i = r * (3 * w + pad) + 3 * x;
-          ASSERT_TRUE(swapped[i] == rgb[i + 2] && swapped[i + 1] == rgb[i + 1] &&
-                      swapped[i + 2] == rgb[i]);
+    for (int h : {1, 2, 3, 6}) {
+      for (int pad : {0, 1, 13}) {
+        SCOPED_TRACE(testing::Message() << "w " << w << " h " << h << " pad " << pad);
+        std::vector<uint8_t> src(static_cast<size_t>(3 * w + pad) * h);
+        for (auto& b : src) b = static_cast<uint8_t>(rng());
+        const std::vector<uint8_t> y(src.begin(), src.begin() + w * h);
+        const std::vector<uint8_t> u(src.end() - (w + 1) / 2 * ((h + 1) / 2), src.end());
+        const std::vector<uint8_t> v(src.begin() + 1, src.begin() + 1 + u.size());
+        for (const YuvCase& c : kYuvCases) {
+          if (!available(c.variant)) continue;
+          const Yuv420 f = make_yuv(c.chroma, w, h, y, u, v, pad);
+          ASSERT_EQ(to_rgb(f, c.chroma, c.bgr, kScalar, pad),
+                    to_rgb(f, c.chroma, c.bgr, c.variant, pad))
+              << c.variant.name << " layout " << int(c.chroma);
         }
-      }
-
-      const std::vector<uint8_t> grey3 =
-          both([&](uint8_t* o) { zc::grey_to_rgb(rgb.data(), w + pad, o, 3 * w + pad, w, h); });
-      for (int x = 0; x < w; ++x) ASSERT_EQ(grey3[(3 * w + pad) + 3 * x + 1], rgb[(w + pad) + x]);
-
-      const std::vector<uint8_t> swapped_pairs =
-          both([&](uint8_t* o) { zc::swap_pairs(rgb.data(), 2 * w + pad, o, 2 * w + pad, w, h); });
-      ASSERT_EQ(swapped_pairs[2 * w - 1], rgb[2 * w - 2]);
-      if (pad) {
-        ASSERT_EQ(swapped_pairs[2 * w], 0x5a);  // padding untouched
+        if (!available(kWide)) continue;
+        const int s3 = 3 * w + pad, ys = w + pad;
+        const int cs = 2 * (w / 2) + pad, half = h / 2;
+        const std::vector<std::function<void(uint8_t*)>> ops = {
+            [&](uint8_t* o) { zc::rgb_to_grey(src.data(), s3, h % 2, o, ys, w, h); },
+            [&](uint8_t* o) { zc::swap_rb(src.data(), s3, o, s3, w, h); },
+            [&](uint8_t* o) { zc::grey_to_rgb(src.data(), ys, o, s3, w, h); },
+            [&](uint8_t* o) { zc::swap_pairs(src.data(), 2 * w + pad, o, 2 * w + pad, w, h); },
+            // RGB -> NV12, NV21 (from BGR) and YU12, the chroma planes after the luma plane.
+            [&](uint8_t* o) {
+              zc::rgb_to_yuv420(src.data(), s3, false, o, ys,
+                                {o + ys * h, cs, o + ys * h + 1, cs, 2}, w, h);
+            },
+            [&](uint8_t* o) {
+              zc::rgb_to_yuv420(src.data(), s3, true, o, ys,
+                                {o + ys * h + 1, cs, o + ys * h, cs, 2}, w, h);
+            },
+            [&](uint8_t* o) {
+              uint8_t* u_plane = o + ys * h;
+              uint8_t* v_plane = u_plane + (w / 2 + pad) * half;
+              zc::rgb_to_yuv420(src.data(), s3, false, o, ys,
+                                {u_plane, w / 2 + pad, v_plane, w / 2 + pad, 1}, w, h);
+            }};
+        for (size_t i = 0; i < ops.size(); ++i) {
+          const std::vector<uint8_t> s = run_as(kScalar, 2 * src.size(), ops[i]);
+          ASSERT_EQ(s, run_as(kWide, 2 * src.size(), ops[i])) << "op " << i;
+          if (pad && i == 0) ASSERT_EQ(s[w], 0x5a);
+        }
       }
     }
   }
@@ -377,20 +250,19 @@ TEST_F(ColorKernels, PackedRowsMatchScalarOverShapesAndStrides) {
 
 TEST_F(ColorKernels, GreyStretchBoundsUseWrappingSixteenBitSums) {
   // 1000 x 100 samples: threshold 10. Bin 100 holds 65540 samples, whose low 16 bits (4) are
-  // all the running sums see; bin 200 holds the rest.
+  // all the running sums see; bin 200 holds the rest. Below bin 200 the sum is 4 (< 10), so
+  // no bin qualifies as the low bound and everything maps to 0.
   std::vector<uint32_t> hist(65536, 0);
+  std::vector<uint8_t> table(65536);
   hist[100] = 65540;
   hist[200] = 100000 - 65540;
-  std::vector<uint8_t> table(65536);
   zc::grey16_stretch_table(hist.data(), 1000, 100, table.data());
-  // Low bound: sum below bin 200 is 4 (< 10), so no bin qualifies and everything maps to 0.
   EXPECT_EQ(table[200], 0);
-
-  // Without the wrap-around: bin 100 with 20 samples, bin 200 with the rest.
+  // Without the wrap-around: L = 200 (20 samples below), H = 200 (the top bins are empty until
+  // 200): all black.
   hist[100] = 20;
   hist[200] = 100000 - 20;
   zc::grey16_stretch_table(hist.data(), 1000, 100, table.data());
-  // L = 200 (20 samples below), H = 200 (the top bins are empty until 200): all black.
   EXPECT_EQ(table[200], 0);
   hist[300] = 50;  // H moves up to 300, the range is 100 bins
   zc::grey16_stretch_table(hist.data(), 1000, 100, table.data());
@@ -403,16 +275,13 @@ TEST_F(ColorKernels, GreyStretchBoundsUseWrappingSixteenBitSums) {
   EXPECT_EQ(table[250], 127);  // 50 * 2.55 = 127.5, truncated
 }
 
-// ---- buffers that end at a guard page ----
-
-using zarvel::test::GuardedBuffer;
-
+// Every plane exactly two rows (one chroma row) long, ending at a guard page.
 TEST_F(ColorKernels, VectorRowsStayInsideTheirRows) {
+  using zarvel::test::GuardedBuffer;
   if (!available(kWide)) GTEST_SKIP();
   for (const Variant& variant : {kWide, kNarrow}) {
     za::set_cpu_feature_mask(variant.mask);
     for (int w = 2; w <= 48; w += 2) {
-      // Every plane is exactly two rows (one chroma row) and ends at a guard page.
       GuardedBuffer y(2 * w), uv(w), u(w / 2), v(w / 2), rgb(6 * w), rgb2(6 * w), grey(2 * w);
       zc::yuv420_to_rgb(Chroma::kNv12, y.data(), w, uv.data(), w, nullptr, 0, rgb.data(), 3 * w, w,
                         2, false);

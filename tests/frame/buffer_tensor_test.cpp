@@ -70,10 +70,8 @@ TEST(Buffer, AdoptedMemoryIsReleasedOnceByTheLastReferenceOrByGrowing) {
   zarvel_buffer_free(&r);
   EXPECT_EQ(counter.calls, 1);
 
+  // (The bad-input sweep covers refused sizes and memory types.)
   LogCapture log;
-  EXPECT_EQ(zarvel_buffer_alloc(-1, 0), nullptr);
-  EXPECT_EQ(zarvel_buffer_alloc(8, 7), nullptr);
-  EXPECT_EQ(zarvel_buffer_alloc(INT64_MAX, 0), nullptr);
   EXPECT_EQ(zarvel_buffer_make(nullptr, 8, 0, &ReleaseCounter::release, &counter), nullptr);
   EXPECT_EQ(zarvel_buffer_make(bytes, -8, 0, &ReleaseCounter::release, &counter), nullptr);
   EXPECT_EQ(counter.calls, 1);  // a refused adoption leaves the memory with the caller
@@ -93,11 +91,11 @@ TEST(Tensor, LayoutOffsetsAndViews) {
   EXPECT_EQ(std::vector<int64_t>(t->stride, t->stride + 4), (std::vector<int64_t>{60, 20, 5, 1}));
   EXPECT_EQ(zarvel_buffer_size(t->buffer), 120 * 4);
   auto* base = static_cast<float*>(zarvel_tensor_raw_pointer(t));
-  EXPECT_EQ(zarvel_tensor_calc_offset(t, 1, 2, 3, 4), 60 + 40 + 15 + 4);
-  EXPECT_EQ(zarvel_tensor_calc_offset(t, 1, 0, 0, 0), 60);  // the batch stride
-  EXPECT_EQ(zarvel_tensor_calc_offset(t, 2, 3, 4, 5), 120 + 60 + 20 + 5);
-  EXPECT_EQ(zarvel_tensor_calc_offset(t, 3, 0, 0, 0), -1);
-  EXPECT_EQ(zarvel_tensor_calc_offset(t, 0, -1, 0, 0), -1);
+  // Offsets one past the end of each axis are allowed; further or negative ones are not.
+  const int32_t at[][4] = {{1, 2, 3, 4}, {1, 0, 0, 0}, {2, 3, 4, 5}, {3, 0, 0, 0}, {0, -1, 0, 0}};
+  const int64_t want[] = {60 + 40 + 15 + 4, 60, 120 + 60 + 20 + 5, -1, -1};
+  for (int i = 0; i < 5; ++i)
+    EXPECT_EQ(zarvel_tensor_calc_offset(t, at[i][0], at[i][1], at[i][2], at[i][3]), want[i]) << i;
   EXPECT_EQ(zarvel_tensor_data_at(t, 1, 2, 3, 4), base + 119);
   EXPECT_EQ(zarvel_tensor_data_at(t, 2, 0, 0, 0), nullptr);
 
@@ -116,10 +114,6 @@ TEST(Tensor, LayoutOffsetsAndViews) {
   const int32_t outside[4] = {0, 1, 0, 0};
   EXPECT_EQ(zarvel_tensor_roi(v, outside, shape), nullptr);
   EXPECT_EQ(zarvel_tensor_roi(v, nullptr, shape), nullptr);
-  EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, 12, 1, 1, 1, 1), nullptr);
-  EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_S8, 1, 0, 1, 1), nullptr);
-  EXPECT_EQ(zarvel_tensor_alloc(3, ZARVEL_ELEM_S8, 1, 1, 1, 1), nullptr);
-  EXPECT_EQ(zarvel_tensor_alloc(0, ZARVEL_ELEM_F32, INT32_MAX, INT32_MAX, INT32_MAX, 2), nullptr);
   EXPECT_EQ(zarvel_tensor_calc_offset(nullptr, 0, 0, 0, 0), -1);
   EXPECT_EQ(zarvel_tensor_mem_type(nullptr), UINT32_MAX);
   zarvel_tensor_free(&v);

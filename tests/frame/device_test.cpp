@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <zarvel/frame.h>
 
+#include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "frame_test_support.h"
@@ -38,23 +40,19 @@ TEST(DeviceMemory, FramesOverDeviceAllocations) {
   std::vector<uint8_t> bytes(256, 0xFF);
   zarvel_buffer_t* host = zarvel_buffer_make(bytes.data(), 256, 0, nullptr, nullptr);
   ASSERT_EQ(zarvel_buffer_copy(block, host), ZARVEL_OK);
-  EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 60, bytes.begin() + 68),
-            (std::vector<uint8_t>{0, 0, 0, 0, 9, 9, 9, 9}));
-  EXPECT_EQ(bytes[127], 9);
-  EXPECT_EQ(bytes[128], 0);
+  std::vector<uint8_t> want(256, 0);
+  std::fill(want.begin() + 64, want.begin() + 128, 9);  // exactly the frame's 8 x 8 bytes
+  EXPECT_EQ(bytes, want);
   zarvel_frame_free(&f);
   EXPECT_EQ(counter.calls, 1);
 
   // Device frames lie wholly inside a device allocation; host frames never inside one.
-  EXPECT_EQ(zarvel_frame_make(1, ZARVEL_PIXFMT_GREY, base + 200, 8, 8, nullptr, nullptr, nullptr,
-                              nullptr),
-            nullptr);
-  EXPECT_EQ(zarvel_frame_make(1, ZARVEL_PIXFMT_GREY, bytes.data(), 8, 8, nullptr, nullptr, nullptr,
-                              nullptr),
-            nullptr);
-  EXPECT_EQ(
-      zarvel_frame_make(0, ZARVEL_PIXFMT_GREY, base, 8, 8, nullptr, nullptr, nullptr, nullptr),
-      nullptr);
+  for (auto [mem, pixels] :
+       {std::pair{1u, base + 200}, std::pair{1u, bytes.data()}, std::pair{0u, base}}) {
+    EXPECT_EQ(zarvel_frame_make(mem, ZARVEL_PIXFMT_GREY, pixels, 8, 8, nullptr, nullptr, nullptr,
+                                nullptr),
+              nullptr);
+  }
   zarvel_buffer_free(&host);
   zarvel_buffer_free(&block);
 }

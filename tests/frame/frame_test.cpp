@@ -51,59 +51,52 @@ TEST(PixelFormat, SizesNamesAndInferredLayouts) {
       {0x12345678u, 2, 2, {}, -1, {}},
       {ZARVEL_PIXFMT_RGB24, 1 << 30, 1, {}, -1, {}},
   };
+  // Each valid layout allocates as inferred: plane 0 64-byte aligned, default frames tight.
   for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << zarvel_frame_pixfmt_to_string(c.format) << " " << c.w << "x"
+                                    << c.h << " stride " << c.in[0] << "," << c.in[1]);
     int32_t strides[4] = {c.in[0], c.in[1], c.in[2], c.in[3]};
-    EXPECT_EQ(zarvel_frame_inferred_size(c.format, c.w, c.h, strides), c.size)
-        << zarvel_frame_pixfmt_to_string(c.format) << " " << c.w << "x" << c.h;
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(strides[i], c.out[i]) << "plane " << i;
+    EXPECT_EQ(zarvel_frame_inferred_size(c.format, c.w, c.h, strides), c.size);
+    EXPECT_EQ(std::vector<int32_t>(strides, strides + 4), std::vector<int32_t>(c.out, c.out + 4));
+    if (c.size < 0) continue;
+    zarvel_frame_t* f = zarvel_frame_alloc(ZARVEL_MEM_HOST, c.format, c.w, c.h, c.in, 0);
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(f->plane[0]) % 64, 0u);
+    uint64_t planes = 0;
+    while (planes < 4 && zarvel::test::plane_rows(c.format, planes, c.w, c.h).first != 0) ++planes;
+    EXPECT_EQ(f->plane_count, planes);
+    EXPECT_EQ(std::vector<int32_t>(f->stride, f->stride + 4),
+              std::vector<int32_t>(c.out, c.out + 4));
+    EXPECT_EQ(zarvel_buffer_size(f->buffer), c.size);
+    if (c.in[0] == 0 && c.in[1] == 0) EXPECT_TRUE(zarvel_frame_is_contiguous(f));
+    zarvel_frame_free(&f);
+    EXPECT_EQ(f, nullptr);
   }
   EXPECT_EQ(zarvel_frame_inferred_size(ZARVEL_PIXFMT_NV12, 4, 2, nullptr), 12);
 }
 
-TEST(FrameAlloc, LayoutAndBadArguments) {
-  for (uint32_t format : kAllFormats) {
-    SCOPED_TRACE(zarvel_frame_pixfmt_to_string(format));
-    int32_t strides[4] = {};
-    const int64_t size = zarvel_frame_inferred_size(format, 6, 4, strides);
-    zarvel_frame_t* f = zarvel_frame_alloc(ZARVEL_MEM_HOST, format, 6, 4, nullptr, 0);
-    ASSERT_NE(f, nullptr);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(f->plane[0]) % 64, 0u);
-    uint64_t planes = 0;
-    while (planes < 4 && zarvel::test::plane_rows(format, planes, 6, 4).first != 0) ++planes;
-    EXPECT_EQ(f->plane_count, planes);
-    EXPECT_EQ(std::vector<int32_t>(f->stride, f->stride + 4),
-              std::vector<int32_t>(strides, strides + 4));
-    EXPECT_EQ(zarvel_buffer_size(f->buffer), size);
-    EXPECT_TRUE(zarvel_frame_is_contiguous(f));
-    zarvel_frame_free(&f);
-    EXPECT_EQ(f, nullptr);
-  }
+TEST(FrameAlloc, PaddedPlanesMetadataAndBadArguments) {
   const int32_t padded[4] = {12, 0, 7, 0};
   zarvel_frame_t* f = zarvel_frame_alloc(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_YU12, 8, 4, padded, 77);
   ASSERT_NE(f, nullptr);
-  EXPECT_EQ(f->meta_word0, 0u);
-  EXPECT_EQ(f->meta_word1, 77u);
-  EXPECT_EQ(f->extra, nullptr);
+  EXPECT_TRUE(f->meta_word0 == 0u && f->meta_word1 == 77u && f->extra == nullptr);
   EXPECT_EQ(std::vector<int32_t>(f->stride, f->stride + 4), (std::vector<int32_t>{12, 6, 7, 0}));
   EXPECT_EQ(f->plane[2], f->plane[1] + 6 * 2);
   EXPECT_FALSE(zarvel_frame_is_contiguous(f));
   zarvel_frame_free(&f);
-
+  // The frame library reports a refused allocation under its own tag. (The bad-input sweep
+  // covers bad sizes, strides and memory types.)
   LogCapture log;
   EXPECT_EQ(zarvel_frame_alloc(0, ZARVEL_PIXFMT_NV12, 5, 4, nullptr, 0), nullptr);
-  ASSERT_EQ(log.messages().size(), 1u);
-  EXPECT_EQ(log.messages()[0].level, static_cast<uint32_t>(ZARVEL_LOG_FAILURE));
-  EXPECT_EQ(log.messages()[0].tag, "zarvel");
-  EXPECT_TRUE(log.messages()[0].tag_padded);
-  EXPECT_EQ(zarvel_frame_alloc(2, ZARVEL_PIXFMT_GREY, 2, 2, nullptr, 0), nullptr);
-  EXPECT_EQ(zarvel_frame_alloc(0, ZARVEL_PIXFMT_GREY16, INT32_MAX, INT32_MAX, nullptr, 0), nullptr);
+  const auto m = log.messages();
+  ASSERT_EQ(m.size(), 1u);
+  EXPECT_TRUE(m[0].level == ZARVEL_LOG_FAILURE && m[0].tag == "zarvel" && m[0].tag_padded);
   EXPECT_EQ(
       zarvel_frame_make(0, ZARVEL_PIXFMT_GREY, nullptr, 2, 2, nullptr, nullptr, nullptr, nullptr),
       nullptr);
   zarvel_frame_free(nullptr);
   zarvel_frame_free(&f);
-  EXPECT_EQ(zarvel_frame_ref(nullptr), nullptr);
-  EXPECT_EQ(zarvel_frame_duplicate(nullptr), nullptr);
+  EXPECT_TRUE(zarvel_frame_ref(nullptr) == nullptr && zarvel_frame_duplicate(nullptr) == nullptr);
   EXPECT_EQ(zarvel_frame_reset(nullptr, 0), ZARVEL_EINVAL);
   EXPECT_FALSE(zarvel_frame_is_contiguous(nullptr));
   EXPECT_EQ(zarvel_frame_mem_type(nullptr), UINT32_MAX);

@@ -1,9 +1,10 @@
-// Helpers for the image codec tests: a scratch directory, file bytes, and a minimal PNG writer
-// (stored deflate blocks) that builds any colour type and bit depth, or a deliberately broken
-// header, independently of the encoder under test.
+// Helpers for the image codec tests: a scratch directory, file bytes, frames that free
+// themselves, and a minimal PNG writer (stored deflate blocks) that builds any colour type and
+// bit depth, or a deliberately broken header, independently of the encoder under test.
 #pragma once
 
 #include <stdlib.h>
+#include <zarvel/aux.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -36,6 +37,20 @@ class ScratchDir {
  private:
   std::filesystem::path path_;
 };
+
+// A frame (or null) freed when it goes out of scope.
+struct OwnedFrame {
+  zarvel_frame_t* f = nullptr;
+  OwnedFrame() = default;
+  explicit OwnedFrame(zarvel_frame_t* frame) : f(frame) {}
+  OwnedFrame(const OwnedFrame&) = delete;
+  OwnedFrame& operator=(const OwnedFrame&) = delete;
+  ~OwnedFrame() { zarvel_frame_free(&f); }
+};
+
+inline zarvel_frame_t* decode(const std::vector<uint8_t>& bytes) {
+  return zarvel_frame_load_from_memory(bytes.data(), static_cast<int32_t>(bytes.size()));
+}
 
 inline std::vector<uint8_t> read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
