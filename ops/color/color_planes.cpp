@@ -1,6 +1,7 @@
 // Plane loops of the colour conversions and the choice of their row kernels.
 #include "ops/color/color_planes.h"
 
+#include <cstdint>
 #include <cstring>
 
 #include "plugin/cpu_features.h"
@@ -16,6 +17,27 @@ inline uint8_t* row(uint8_t* base, int32_t stride, int32_t r) {
 }
 
 bool use_avx2() { return (cpu_features() & kCpuAvx2) != 0; }
+
+// Runs a pixel-for-pixel row kernel over a plane: the vector row (which returns how many
+// pixels it did, 0 without AVX2) and then the scalar row from there. When both planes have
+// tight rows they are one long row, so the vector row also covers the row ends.
+template <class VectorRow, class ScalarRow>
+void pixel_rows(const uint8_t* src, int32_t src_stride, int32_t src_pixel, uint8_t* dst,
+                int32_t dst_stride, int32_t dst_pixel, int32_t width, int32_t height,
+                VectorRow vector_row, ScalarRow scalar_row) {
+  const int64_t pixels = int64_t{width} * height;
+  if (src_stride == int64_t{width} * src_pixel && dst_stride == int64_t{width} * dst_pixel &&
+      height > 1 && pixels * src_pixel <= INT32_MAX && pixels * dst_pixel <= INT32_MAX) {
+    width = static_cast<int32_t>(pixels);
+    height = 1;
+  }
+  const bool avx2 = use_avx2();
+  for (int32_t r = 0; r < height; ++r) {
+    const uint8_t* s = row(src, src_stride, r);
+    uint8_t* d = row(dst, dst_stride, r);
+    scalar_row(s, d, avx2 ? vector_row(s, d, width) : 0, width);
+  }
+}
 
 }  // namespace
 
@@ -66,35 +88,24 @@ void rgb_to_grey(const uint8_t* rgb, int32_t rgb_stride, bool bgr, uint8_t* grey
                  int32_t grey_stride, int32_t width, int32_t height) {
   GreyTables tables;
   fill_grey_tables(&tables, bgr);
-  const bool avx2 = use_avx2();
-  for (int32_t r = 0; r < height; ++r) {
-    const uint8_t* src = row(rgb, rgb_stride, r);
-    uint8_t* out = row(grey, grey_stride, r);
-    const int done = avx2 ? rgb_to_grey_row_avx2(src, out, width, bgr) : 0;
-    rgb_to_grey_row_c(tables, src, out, done, width);
-  }
+  pixel_rows(
+      rgb, rgb_stride, 3, grey, grey_stride, 1, width, height,
+      [bgr](const uint8_t* s, uint8_t* d, int n) { return rgb_to_grey_row_avx2(s, d, n, bgr); },
+      [&tables](const uint8_t* s, uint8_t* d, int x0, int n) {
+        rgb_to_grey_row_c(tables, s, d, x0, n);
+      });
 }
 
 void swap_rb(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
              int32_t width, int32_t height) {
-  const bool avx2 = use_avx2();
-  for (int32_t r = 0; r < height; ++r) {
-    const uint8_t* s = row(src, src_stride, r);
-    uint8_t* d = row(dst, dst_stride, r);
-    const int done = avx2 ? swap_rb_row_avx2(s, d, width) : 0;
-    swap_rb_row_c(s, d, done, width);
-  }
+  pixel_rows(src, src_stride, 3, dst, dst_stride, 3, width, height, swap_rb_row_avx2,
+             swap_rb_row_c);
 }
 
 void grey_to_rgb(const uint8_t* grey, int32_t grey_stride, uint8_t* rgb, int32_t rgb_stride,
                  int32_t width, int32_t height) {
-  const bool avx2 = use_avx2();
-  for (int32_t r = 0; r < height; ++r) {
-    const uint8_t* s = row(grey, grey_stride, r);
-    uint8_t* d = row(rgb, rgb_stride, r);
-    const int done = avx2 ? grey_to_rgb_row_avx2(s, d, width) : 0;
-    grey_to_rgb_row_c(s, d, done, width);
-  }
+  pixel_rows(grey, grey_stride, 1, rgb, rgb_stride, 3, width, height, grey_to_rgb_row_avx2,
+             grey_to_rgb_row_c);
 }
 
 void copy_plane(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,

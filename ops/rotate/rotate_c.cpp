@@ -57,50 +57,42 @@ void reverse_row(const uint8_t* src_row, int32_t src_w, uint8_t* dst_row, int32_
   }
 }
 
+// Calls kernel.template operator()<P>() for pixel sizes 1, 2 and 3; other sizes do nothing.
+template <class Kernel>
+inline void by_pixel_size(int32_t pixel_size, Kernel&& kernel) {
+  switch (pixel_size) {
+    case 1:
+      return kernel.template operator()<1>();
+    case 2:
+      return kernel.template operator()<2>();
+    case 3:
+      return kernel.template operator()<3>();
+    default:
+      return;
+  }
+}
+
 }  // namespace
 
 void rotate90_rect_c(int32_t pixel_size, const uint8_t* src, ptrdiff_t src_stride, int32_t src_h,
                      int32_t src_w, uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t r1,
                      int32_t c0, int32_t c1) {
-  switch (pixel_size) {
-    case 1:
-      return rotate90_rect<1>(src, src_stride, src_h, src_w, dst, dst_stride, r0, r1, c0, c1);
-    case 2:
-      return rotate90_rect<2>(src, src_stride, src_h, src_w, dst, dst_stride, r0, r1, c0, c1);
-    case 3:
-      return rotate90_rect<3>(src, src_stride, src_h, src_w, dst, dst_stride, r0, r1, c0, c1);
-    default:
-      return;
-  }
+  by_pixel_size(pixel_size, [&]<int P>() {
+    rotate90_rect<P>(src, src_stride, src_h, src_w, dst, dst_stride, r0, r1, c0, c1);
+  });
 }
 
 void rotate270_rect_c(int32_t pixel_size, const uint8_t* src, ptrdiff_t src_stride, int32_t src_h,
                       int32_t src_w, uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t r1,
                       int32_t c0, int32_t c1) {
-  switch (pixel_size) {
-    case 1:
-      return rotate270_rect<1>(src, src_stride, src_h, src_w, dst, dst_stride, r0, r1, c0, c1);
-    case 2:
-      return rotate270_rect<2>(src, src_stride, src_h, src_w, dst, dst_stride, r0, r1, c0, c1);
-    case 3:
-      return rotate270_rect<3>(src, src_stride, src_h, src_w, dst, dst_stride, r0, r1, c0, c1);
-    default:
-      return;
-  }
+  by_pixel_size(pixel_size, [&]<int P>() {
+    rotate270_rect<P>(src, src_stride, src_h, src_w, dst, dst_stride, r0, r1, c0, c1);
+  });
 }
 
 void reverse_row_c(int32_t pixel_size, const uint8_t* src_row, int32_t src_w, uint8_t* dst_row,
                    int32_t c0, int32_t c1) {
-  switch (pixel_size) {
-    case 1:
-      return reverse_row<1>(src_row, src_w, dst_row, c0, c1);
-    case 2:
-      return reverse_row<2>(src_row, src_w, dst_row, c0, c1);
-    case 3:
-      return reverse_row<3>(src_row, src_w, dst_row, c0, c1);
-    default:
-      return;
-  }
+  by_pixel_size(pixel_size, [&]<int P>() { reverse_row<P>(src_row, src_w, dst_row, c0, c1); });
 }
 
 }  // namespace zarvel::aux::rotate
