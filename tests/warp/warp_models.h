@@ -50,6 +50,12 @@ inline int sample(const Plane& in, int64_t col, int64_t row, int ch, int mode, u
   return in.row(static_cast<int32_t>(row))[col * in.channels + ch];
 }
 
+// The neighbours top-left, top-right, bottom-left, bottom-right of (ix, iy) for channel ch.
+inline void taps(const Plane& in, int64_t ix, int64_t iy, int ch, int mode, uint8_t border,
+                 int t[4]) {
+  for (int k = 0; k < 4; ++k) t[k] = sample(in, ix + k % 2, iy + k / 2, ch, mode, border);
+}
+
 inline bool all_inside(const Plane& in, int64_t ix, int64_t iy) {
   return ix >= 0 && ix + 1 < in.width && iy >= 0 && iy + 1 < in.height;
 }
@@ -73,13 +79,12 @@ inline void scalar_model(const Plane& in, Plane& out, const float* m, bool persp
       const float fx = sx - static_cast<float>(ix), fy = sy - static_cast<float>(iy);
       if (mode == 5 && !all_inside(in, ix, iy)) continue;
       for (int ch = 0; ch < in.channels; ++ch) {
-        const float tl = static_cast<float>(sample(in, ix, iy, ch, mode, border));
-        const float tr = static_cast<float>(sample(in, int64_t{ix} + 1, iy, ch, mode, border));
-        const float bl = static_cast<float>(sample(in, ix, int64_t{iy} + 1, ch, mode, border));
-        const float br =
-            static_cast<float>(sample(in, int64_t{ix} + 1, int64_t{iy} + 1, ch, mode, border));
-        const float v = (1.0f - fx) * (1.0f - fy) * tl + fx * (1.0f - fy) * tr +
-                        (1.0f - fx) * fy * bl + fx * fy * br + 0.0f;
+        int t[4];
+        taps(in, ix, iy, ch, mode, border, t);
+        const float v = (1.0f - fx) * (1.0f - fy) * static_cast<float>(t[0]) +
+                        fx * (1.0f - fy) * static_cast<float>(t[1]) +
+                        (1.0f - fx) * fy * static_cast<float>(t[2]) +
+                        fx * fy * static_cast<float>(t[3]) + 0.0f;
         out.row(y)[x * in.channels + ch] = static_cast<uint8_t>(cvt_trunc(v));
       }
     }
@@ -113,11 +118,10 @@ inline void vector_model(const Plane& in, Plane& out, const float* m, bool persp
                              static_cast<uint32_t>(cvt_floor(fx * fy * 65536.0f))};
       if (mode == 5 && !all_inside(in, ix, iy)) continue;
       for (int ch = 0; ch < in.channels; ++ch) {
-        const uint32_t sum = w[0] * sample(in, ix, iy, ch, mode, border) +
-                             w[1] * sample(in, int64_t{ix} + 1, iy, ch, mode, border) +
-                             w[2] * sample(in, ix, int64_t{iy} + 1, ch, mode, border) +
-                             w[3] * sample(in, int64_t{ix} + 1, int64_t{iy} + 1, ch, mode, border) +
-                             0x8000u;
+        int t[4];
+        taps(in, ix, iy, ch, mode, border, t);
+        uint32_t sum = 0x8000u;
+        for (int k = 0; k < 4; ++k) sum += w[k] * static_cast<uint32_t>(t[k]);
         out.row(y)[x * in.channels + ch] = static_cast<uint8_t>(sum >> 16);
       }
     }
@@ -126,34 +130,26 @@ inline void vector_model(const Plane& in, Plane& out, const float* m, bool persp
 }
 
 // A copy of a plane's rows placed between two inaccessible pages, flush against the
-// trailing one, so that a read before its first row or after its last visible byte faults.
+// trailing one (a read after the last visible byte faults) or, `at_start`, against the
+// leading one (a read before the first byte faults).
 class GuardedPlane {
  public:
-  explicit GuardedPlane(const Plane& p) {
+  explicit GuardedPlane(const Plane& p, bool at_start = false) {
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    size_ = p.height > 0 ? static_cast<size_t>(p.stride) * (p.height - 1) +
-                               static_cast<size_t>(p.width) * p.channels
-                         : 0;
-    const size_t data_pages = (size_ + page - 1) / page + 1;
+    const size_t size = p.height > 0 ? static_cast<size_t>(p.stride) * (p.height - 1) +
+                                           static_cast<size_t>(p.width) * p.channels
+                                     : 0;
+    const size_t data_pages = (size + page - 1) / page + 1;
     total_ = (data_pages + 2) * page;
     void* base = mmap(nullptr, total_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (base == MAP_FAILED) return;
     base_ = static_cast<uint8_t*>(base);
     mprotect(base_, page, PROT_NONE);
     mprotect(base_ + (data_pages + 1) * page, page, PROT_NONE);
-    data_ = base_ + (data_pages + 1) * page - size_;
-    for (int32_t y = 0; y < p.height; ++y) {
+    data_ = at_start ? base_ + page : base_ + (data_pages + 1) * page - size;
+    for (int32_t y = 0; y < p.height; ++y)
       std::memcpy(data_ + static_cast<size_t>(y) * p.stride, p.row(y),
                   static_cast<size_t>(p.width) * p.channels);
-    }
-  }
-  // The same, flush against the leading page (a read before the first byte faults).
-  GuardedPlane(const Plane& p, bool at_start) : GuardedPlane(p) {
-    if (at_start && base_ != nullptr) {
-      const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-      std::memmove(base_ + page, data_, size_);
-      data_ = base_ + page;
-    }
   }
   ~GuardedPlane() {
     if (base_ != nullptr) munmap(base_, total_);
@@ -163,7 +159,7 @@ class GuardedPlane {
   const uint8_t* data() const { return data_; }
 
  private:
-  size_t size_ = 0, total_ = 0;
+  size_t total_ = 0;
   uint8_t* base_ = nullptr;
   uint8_t* data_ = nullptr;
 };
