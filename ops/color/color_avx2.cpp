@@ -81,6 +81,132 @@ inline void yuv_emit8(const YuvConstants& k, const uint8_t* y, uint8_t* out, __m
   store_rgb8<kBgr>(out, r, g, b);
 }
 
+// ---- 32 pixels a row pair ----
+// Register layout: a byte register holds pixels 0-15 of the block in lane 0 and 16-31 in
+// lane 1; unpacking it twice against zero gives four int32 registers with pixels
+// {0-3 | 16-19}, {4-7 | 20-23}, {8-11 | 24-27} and {12-15 | 28-31}, and packing those back
+// (packs, then packus) restores the byte layout, so no lane crossing is needed until the
+// stores. Chroma unpacked the same way holds blocks {0-3 | 8-11} and {4-7 | 12-15}; pairing
+// each int32 with itself lines the blocks up with those pixel registers.
+
+struct Quad {
+  __m256i v[4];
+};
+
+inline Quad widen(__m256i bytes) {
+  const __m256i zero = _mm256_setzero_si256();
+  const __m256i lo = _mm256_unpacklo_epi8(bytes, zero), hi = _mm256_unpackhi_epi8(bytes, zero);
+  return {{_mm256_unpacklo_epi16(lo, zero), _mm256_unpackhi_epi16(lo, zero),
+           _mm256_unpacklo_epi16(hi, zero), _mm256_unpackhi_epi16(hi, zero)}};
+}
+
+// (luma + chroma term) >> 20 for 32 pixels, clamped to bytes in the byte layout. The terms
+// come per block ({0-3 | 8-11} in a, {4-7 | 12-15} in b) and are paired up with the pixels
+// of each block here, one register at a time, to keep register pressure low.
+inline __m256i channel32(const Quad& luma, __m256i a, __m256i b) {
+  const __m256i term[4] = {_mm256_unpacklo_epi32(a, a), _mm256_unpackhi_epi32(a, a),
+                           _mm256_unpacklo_epi32(b, b), _mm256_unpackhi_epi32(b, b)};
+  __m256i s[4];
+  for (int i = 0; i < 4; ++i) {
+    s[i] = _mm256_srai_epi32(_mm256_add_epi32(luma.v[i], term[i]), kYuvShift);
+  }
+  return _mm256_packus_epi16(_mm256_packs_epi32(s[0], s[1]), _mm256_packs_epi32(s[2], s[3]));
+}
+
+// Byte j of the lane-local shuffle of channel c is the pixel that channel c contributes to
+// position j of whichever of the three 16-byte output chunks holds channel c at j: chunk k
+// holds channel (k + j) % 3 of pixel (16k + j) / 3.
+struct ByteMask {
+  int8_t m[16];
+};
+constexpr ByteMask interleave_pick(int c) {
+  ByteMask mask{};
+  for (int j = 0; j < 16; ++j) mask.m[j] = static_cast<int8_t>((16 * ((c - j + 18) % 3) + j) / 3);
+  return mask;
+}
+constexpr ByteMask positions(int residue) {
+  ByteMask mask{};
+  for (int j = 0; j < 16; ++j) mask.m[j] = static_cast<int8_t>(j % 3 == residue ? -1 : 0);
+  return mask;
+}
+constexpr ByteMask kPick[3] = {interleave_pick(0), interleave_pick(1), interleave_pick(2)};
+constexpr ByteMask kSecond = positions(1), kThird = positions(2);
+
+// Three channels of 32 pixels (byte layout) -> 96 bytes at out, channel a first.
+inline void store_interleaved(uint8_t* out, __m256i a, __m256i b, __m256i c) {
+  const __m256i s0 = _mm256_shuffle_epi8(a, lane_mask(kPick[0].m));
+  const __m256i s1 = _mm256_shuffle_epi8(b, lane_mask(kPick[1].m));
+  const __m256i s2 = _mm256_shuffle_epi8(c, lane_mask(kPick[2].m));
+  const __m256i second = lane_mask(kSecond.m), third = lane_mask(kThird.m);
+  const __m256i k0 = _mm256_blendv_epi8(_mm256_blendv_epi8(s0, s1, second), s2, third);
+  const __m256i k1 = _mm256_blendv_epi8(_mm256_blendv_epi8(s1, s2, second), s0, third);
+  const __m256i k2 = _mm256_blendv_epi8(_mm256_blendv_epi8(s2, s0, second), s1, third);
+  auto* o = reinterpret_cast<__m256i*>(out);
+  _mm256_storeu_si256(o, _mm256_permute2x128_si256(k0, k1, 0x20));
+  _mm256_storeu_si256(o + 1, _mm256_permute2x128_si256(k2, k0, 0x30));
+  _mm256_storeu_si256(o + 2, _mm256_permute2x128_si256(k1, k2, 0x31));
+}
+
+// U and V of 16 blocks: per lane, U of 8 blocks in bytes 0-7 and V in bytes 8-15.
+template <Chroma kChroma>
+inline __m256i chroma16(const YuvRowPair& rows, int x) {
+  if (kChroma == Chroma::kYu12) {
+    const __m128i u = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rows.c1 + x / 2));
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rows.c2 + x / 2));
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_unpacklo_epi64(u, v)),
+                                   _mm_unpackhi_epi64(u, v), 1);
+  }
+  static constexpr int8_t kUv[16] = {0, 2, 4, 6, 8, 10, 12, 14, 1, 3, 5, 7, 9, 11, 13, 15};
+  static constexpr int8_t kVu[16] = {1, 3, 5, 7, 9, 11, 13, 15, 0, 2, 4, 6, 8, 10, 12, 14};
+  const __m256i pairs = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(rows.c1 + x));
+  return _mm256_shuffle_epi8(pairs, lane_mask(kChroma == Chroma::kNv21 ? kVu : kUv));
+}
+
+// Whole 32-pixel blocks of a row pair; returns the pixels done.
+template <Chroma kChroma, bool kBgr>
+int yuv_to_rgb_rows32(const YuvRowPair& rows, int width) {
+  // The -128 of d and e folded into the bias: r0 = kVToR * V + (kHalf - 128 kVToR), etc.
+  const __m256i v_r = _mm256_set1_epi32(kVToR), v_g = _mm256_set1_epi32(kVToG);
+  const __m256i u_g = _mm256_set1_epi32(kUToG), u_b = _mm256_set1_epi32(kUToB);
+  const __m256i bias_r = _mm256_set1_epi32(kHalf - 128 * kVToR);
+  const __m256i bias_g = _mm256_set1_epi32(kHalf - 128 * (kVToG + kUToG));
+  const __m256i bias_b = _mm256_set1_epi32(kHalf - 128 * kUToB);
+  const __m256i gain = _mm256_set1_epi32(kLumaGain), sixteen = _mm256_set1_epi8(16);
+  const int blocks = width & ~31;
+  for (int x = 0; x < blocks; x += 32) {
+    const __m256i uv = chroma16<kChroma>(rows, x);
+    const __m256i zero = _mm256_setzero_si256();
+    const __m256i u16 = _mm256_unpacklo_epi8(uv, zero), v16 = _mm256_unpackhi_epi8(uv, zero);
+    const __m256i u[2] = {_mm256_unpacklo_epi16(u16, zero), _mm256_unpackhi_epi16(u16, zero)};
+    const __m256i v[2] = {_mm256_unpacklo_epi16(v16, zero), _mm256_unpackhi_epi16(v16, zero)};
+    __m256i r0[2], g0[2], b0[2];
+    for (int h = 0; h < 2; ++h) {
+      r0[h] = _mm256_add_epi32(_mm256_mullo_epi32(v[h], v_r), bias_r);
+      g0[h] = _mm256_add_epi32(
+          _mm256_add_epi32(_mm256_mullo_epi32(v[h], v_g), _mm256_mullo_epi32(u[h], u_g)), bias_g);
+      b0[h] = _mm256_add_epi32(_mm256_mullo_epi32(u[h], u_b), bias_b);
+    }
+    for (int row = 0; row < 2; ++row) {
+      const uint8_t* y = row == 0 ? rows.y0 : rows.y1;
+      uint8_t* out = (row == 0 ? rows.d0 : rows.d1) + 3 * x;
+      // max(Y - 16, 0) is the saturating byte subtraction.
+      const __m256i yc =
+          _mm256_subs_epu8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(y + x)), sixteen);
+      Quad luma = widen(yc);
+      for (__m256i& l : luma.v) l = _mm256_mullo_epi32(l, gain);
+      const __m256i r = channel32(luma, r0[0], r0[1]);
+      const __m256i g = channel32(luma, g0[0], g0[1]);
+      const __m256i b = channel32(luma, b0[0], b0[1]);
+      if (kBgr) {
+        store_interleaved(out, b, g, r);
+      } else {
+        store_interleaved(out, r, g, b);
+      }
+    }
+  }
+  return blocks;
+}
+
 template <Chroma kChroma, bool kBgr>
 int yuv_to_rgb_rows(const YuvRowPair& rows, int width) {
   const YuvConstants k;
@@ -89,7 +215,7 @@ int yuv_to_rgb_rows(const YuvRowPair& rows, int width) {
                           ? _mm_setr_epi8(1, 1, 3, 3, 5, 5, 7, 7, 0, 0, 2, 2, 4, 4, 6, 6)
                           : _mm_setr_epi8(0, 0, 2, 2, 4, 4, 6, 6, 1, 1, 3, 3, 5, 5, 7, 7);
   const int blocks = width & ~7;
-  for (int x = 0; x < blocks; x += 8) {
+  for (int x = yuv_to_rgb_rows32<kChroma, kBgr>(rows, width); x < blocks; x += 8) {
     __m128i pairs;
     if (kChroma == Chroma::kYu12) {
       pairs = _mm_unpacklo_epi8(load4(rows.c1 + x / 2), load4(rows.c2 + x / 2));
