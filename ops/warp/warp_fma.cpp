@@ -68,61 +68,66 @@ inline void blend_lane(const WarpJob& j, const Lanes& l, int lane, uint8_t* out)
   }
 }
 
-// The Q16 weights of a block split for 16-bit multiply-adds. For pixels inside the plane
-// every weight w lies in [0, 2^16]; with w = 256 a + b (a in [0, 256], b in [0, 255]) both
-// halves fit int16, and
+// The fast path: eight pixels whose four neighbours all lie inside the plane, so that
+// 0 <= fx, fy < 1 and every weight lies in [0, 2^16].
+//
+// Weights. With fxs = fx * 2^16 and gxs = 2^16 - fxs (both exact: scaling by a power of two
+// commutes with rounding in the normal range, and 1 - fx >= 2^-24 is normal), the products
+// gxs * gy, fxs * gy, gxs * fy, fxs * fy round to 2^16 times the rounded products of the
+// formula whenever those are normal; below that both floor to 0. So the four floored weights
+// are the formula's, one multiplication each.
+//
+// 16-bit blend. wTL = 2^16 only when fx = fy = 0, and then the other weights are 0; storing
+// 2^16 - 1 instead gives (65535 TL + 2^15) >> 16 = TL, the same byte. With every weight in
+// [0, 2^16 - 1], w = 256 a + b with a, b in [0, 255], and
 //   sum(w p) = 256 * sum(a p) + sum(b p)
-// exactly, so the blend equals the 32-bit formula bit for bit. Each register holds, per
-// pixel, the pair (left weight, right weight) of one row.
+// exactly in 32 bits, from 16-bit multiply-adds on (left, right) neighbour pairs. The sum plus
+// 2^15 stays below 2^24, so the result is byte 2 of each 32-bit lane.
 struct PairWeights {
-  __m256i hi_top, hi_bottom, lo_top, lo_bottom;
+  __m256i hi_top, lo_top, hi_bottom, lo_bottom;  // per pixel: (left, right) 16-bit pair
 };
 
-inline PairWeights split_weights(const __m256i w[4]) {
-  const __m256i low_byte = _mm256_set1_epi32(0xff);
-  auto pair = [](__m256i left, __m256i right) {
-    return _mm256_or_si256(left, _mm256_slli_epi32(right, 16));
-  };
-  auto hi = [](__m256i v) { return _mm256_srli_epi32(v, 8); };
-  auto lo = [low_byte](__m256i v) { return _mm256_and_si256(v, low_byte); };
-  return {pair(hi(w[0]), hi(w[1])), pair(hi(w[2]), hi(w[3])), pair(lo(w[0]), lo(w[1])),
-          pair(lo(w[2]), lo(w[3]))};
+inline PairWeights fast_weights(__m256 sx, __m256 sy, __m256i ix, __m256i iy) {
+  const __m256 scale = _mm256_set1_ps(kWeightScale);
+  const __m256 fxs = _mm256_mul_ps(_mm256_sub_ps(sx, _mm256_cvtepi32_ps(ix)), scale);
+  const __m256 fy = _mm256_sub_ps(sy, _mm256_cvtepi32_ps(iy));
+  const __m256 gxs = _mm256_sub_ps(scale, fxs);
+  const __m256 gy = _mm256_sub_ps(_mm256_set1_ps(1.0f), fy);
+  const __m256i tl =
+      _mm256_min_epu32(_mm256_cvtps_epi32(_mm256_mul_ps(gxs, gy)), _mm256_set1_epi32(0xffff));
+  const __m256i tr = _mm256_cvtps_epi32(_mm256_mul_ps(fxs, gy));
+  const __m256i bl = _mm256_cvtps_epi32(_mm256_mul_ps(gxs, fy));
+  const __m256i br = _mm256_cvtps_epi32(_mm256_mul_ps(fxs, fy));
+  const __m256i top = _mm256_or_si256(tl, _mm256_slli_epi32(tr, 16));
+  const __m256i bottom = _mm256_or_si256(bl, _mm256_slli_epi32(br, 16));
+  const __m256i low_bytes = _mm256_set1_epi16(0xff);
+  return {_mm256_srli_epi16(top, 8), _mm256_and_si256(top, low_bytes), _mm256_srli_epi16(bottom, 8),
+          _mm256_and_si256(bottom, low_bytes)};
 }
 
-// One channel of eight pixels: `top` and `bottom` hold per pixel the 16-bit pairs
-// (TL, TR) and (BL, BR). Returns the rounded blend in 32-bit lanes.
-inline __m256i blend(__m256i top, __m256i bottom, const PairWeights& w) {
+// One channel register: `top` and `bottom` hold the 16-bit (left, right) neighbour pairs
+// matching the weight pairs. Returns sum(w p) + 2^15 per 32-bit lane.
+inline __m256i blend(__m256i top, __m256i bottom, __m256i hi_top, __m256i lo_top, __m256i hi_bottom,
+                     __m256i lo_bottom) {
   const __m256i hi =
-      _mm256_add_epi32(_mm256_madd_epi16(top, w.hi_top), _mm256_madd_epi16(bottom, w.hi_bottom));
+      _mm256_add_epi32(_mm256_madd_epi16(top, hi_top), _mm256_madd_epi16(bottom, hi_bottom));
   const __m256i lo =
-      _mm256_add_epi32(_mm256_madd_epi16(top, w.lo_top), _mm256_madd_epi16(bottom, w.lo_bottom));
-  const __m256i sum = _mm256_add_epi32(_mm256_slli_epi32(hi, 8), lo);
-  return _mm256_srai_epi32(_mm256_add_epi32(sum, _mm256_set1_epi32(kWeightRound)), kWeightBits);
+      _mm256_add_epi32(_mm256_madd_epi16(top, lo_top), _mm256_madd_epi16(bottom, lo_bottom));
+  return _mm256_add_epi32(_mm256_add_epi32(_mm256_slli_epi32(hi, 8), lo),
+                          _mm256_set1_epi32(kWeightRound));
 }
 
-// Bytes i and j of each dword as a pair of 16-bit values.
-inline __m256i dword_pair(__m256i v, char i, char j) {
-  const char z = static_cast<char>(0x80);
-  const __m256i m = _mm256_setr_epi8(
-      i, z, j, z, static_cast<char>(i + 4), z, static_cast<char>(j + 4), z,
-      static_cast<char>(i + 8), z, static_cast<char>(j + 8), z, static_cast<char>(i + 12), z,
-      static_cast<char>(j + 12), z, i, z, j, z, static_cast<char>(i + 4), z,
-      static_cast<char>(j + 4), z, static_cast<char>(i + 8), z, static_cast<char>(j + 8), z,
-      static_cast<char>(i + 12), z, static_cast<char>(j + 12), z);
-  return _mm256_shuffle_epi8(v, m);
+inline __m256i blend(__m256i top, __m256i bottom, const PairWeights& w) {
+  return blend(top, bottom, w.hi_top, w.lo_top, w.hi_bottom, w.lo_bottom);
 }
 
-// Bytes i and j of each 64-bit pixel of two registers as 16-bit pairs: the pixels of `v0`
-// go to dwords 0 and 1 of each 128-bit half, those of `v1` to dwords 2 and 3.
-inline __m256i qword_pair(__m256i v0, __m256i v1, char i, char j) {
-  const char z = static_cast<char>(0x80);
-  const char i8 = static_cast<char>(i + 8), j8 = static_cast<char>(j + 8);
-  const __m256i m0 = _mm256_setr_epi8(i, z, j, z, i8, z, j8, z, z, z, z, z, z, z, z, z,  //
-                                      i, z, j, z, i8, z, j8, z, z, z, z, z, z, z, z, z);
-  const __m256i m1 = _mm256_setr_epi8(z, z, z, z, z, z, z, z, i, z, j, z, i8, z, j8, z,  //
-                                      z, z, z, z, z, z, z, z, i, z, j, z, i8, z, j8, z);
-  return _mm256_or_si256(_mm256_shuffle_epi8(v0, m0), _mm256_shuffle_epi8(v1, m1));
+// The same byte shuffle in both 128-bit halves.
+inline __m256i shuffle(__m256i v, const char (&m)[16]) {
+  const __m128i h = _mm_loadu_si128(reinterpret_cast<const __m128i*>(m));
+  return _mm256_shuffle_epi8(v, _mm256_broadcastsi128_si256(h));
 }
+
+constexpr char Z = static_cast<char>(0x80);
 
 template <class T>
 inline T load(const uint8_t* p) {
@@ -131,69 +136,96 @@ inline T load(const uint8_t* p) {
   return v;
 }
 
-// Eight pixels whose four neighbours all lie inside the plane; `top` holds the byte offsets
-// of their top-left neighbours. The neighbour pairs are read with scalar loads (vector
-// gathers are slow on many processors) and blended channel by channel.
-//   1 channel: the 2-byte top and bottom pairs, packed as TL TR BL BR in one word.
-//   2 channels: the 4-byte top and bottom pairs.
-//   3 channels: 8 bytes for each pair: the top one starts at TL and runs two bytes past TR
-//   (into the next row, which exists), the bottom one ends at BR and starts two bytes before
-//   BL (inside the row above). Pixels go to the two registers in the order 0 1 4 5 | 2 3 6 7,
-//   so that a byte shuffle per 128-bit half puts each channel back in pixel order.
+inline __m256i load_qwords(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2,
+                           const uint8_t* p3) {
+  const __m128i lo = _mm_set_epi64x(load<int64_t>(p1), load<int64_t>(p0));
+  const __m128i hi = _mm_set_epi64x(load<int64_t>(p3), load<int64_t>(p2));
+  return _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
+}
+
+inline __m256i load_dwords(const uint8_t* const p[8]) {
+  return _mm256_setr_epi32(load<int32_t>(p[0]), load<int32_t>(p[1]), load<int32_t>(p[2]),
+                           load<int32_t>(p[3]), load<int32_t>(p[4]), load<int32_t>(p[5]),
+                           load<int32_t>(p[6]), load<int32_t>(p[7]));
+}
+
+// Eight pixels of the fast path; `offset` holds the byte offsets of their top-left
+// neighbours. The neighbours are read with scalar loads (vector gathers are slow on many
+// processors), four bytes per row and pixel for one or two channels, eight for three:
+//   1 channel: the top dword starts at TL and the bottom one ends at BR (it starts two bytes
+//   before BL, inside the row above), so neither reads past the plane.
+//   2 channels: the top and bottom dwords are exactly (TL, TR) and (BL, BR).
+//   3 channels: the top qword starts at TL and runs two bytes past TR (into the next row,
+//   which exists), the bottom one ends at BR and starts two bytes before BL.
 template <int C>
-inline void blend_block(const uint8_t* in, int32_t stride, __m256i top, const PairWeights& w,
-                        uint8_t* out) {
-  alignas(32) int32_t offset[8];
-  _mm256_store_si256(reinterpret_cast<__m256i*>(offset), top);
-  if constexpr (C == 1) {
-    alignas(32) uint32_t quad[8];
+inline void fast_block(const uint8_t* in, int32_t stride, const int32_t offset[8],
+                       const PairWeights& w, uint8_t* out) {
+  if constexpr (C == 1 || C == 2) {
+    const uint8_t* top[8];
+    const uint8_t* bottom[8];
+    const int32_t back = C == 1 ? 2 : 0;
     for (int i = 0; i < 8; ++i) {
-      const uint8_t* p = in + offset[i];
-      quad[i] = load<uint16_t>(p) | static_cast<uint32_t>(load<uint16_t>(p + stride)) << 16;
+      top[i] = in + offset[i];
+      bottom[i] = in + offset[i] + stride - back;
     }
-    const __m256i q = _mm256_load_si256(reinterpret_cast<const __m256i*>(quad));
-    const __m256i r = blend(dword_pair(q, 0, 1), dword_pair(q, 2, 3), w);
-    const __m256i p = _mm256_packus_epi16(_mm256_packus_epi32(r, r), _mm256_setzero_si256());
-    const __m128i lo = _mm256_castsi256_si128(p), hi = _mm256_extracti128_si256(p, 1);
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi32(lo, hi));
-  } else if constexpr (C == 2) {
-    alignas(32) uint32_t upper[8], lower[8];
-    for (int i = 0; i < 8; ++i) {
-      upper[i] = load<uint32_t>(in + offset[i]);
-      lower[i] = load<uint32_t>(in + offset[i] + stride);
+    const __m256i t = load_dwords(top), b = load_dwords(bottom);
+    if constexpr (C == 1) {
+      static constexpr char kTop[16] = {0, Z, 1, Z, 4, Z, 5, Z, 8, Z, 9, Z, 12, Z, 13, Z};
+      static constexpr char kBottom[16] = {2, Z, 3, Z, 6, Z, 7, Z, 10, Z, 11, Z, 14, Z, 15, Z};
+      const __m256i s = blend(shuffle(t, kTop), shuffle(b, kBottom), w);
+      static constexpr char kOut[16] = {2, 6, 10, 14, Z, Z, Z, Z, Z, Z, Z, Z, Z, Z, Z, Z};
+      const __m256i p = shuffle(s, kOut);
+      const __m128i r =
+          _mm_unpacklo_epi32(_mm256_castsi256_si128(p), _mm256_extracti128_si256(p, 1));
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out), r);
+    } else {
+      static constexpr char kFirst[16] = {0, Z, 2, Z, 4, Z, 6, Z, 8, Z, 10, Z, 12, Z, 14, Z};
+      static constexpr char kSecond[16] = {1, Z, 3, Z, 5, Z, 7, Z, 9, Z, 11, Z, 13, Z, 15, Z};
+      const __m256i s0 = blend(shuffle(t, kFirst), shuffle(b, kFirst), w);
+      const __m256i s1 = blend(shuffle(t, kSecond), shuffle(b, kSecond), w);
+      static constexpr char kOut0[16] = {2, Z, 6, Z, 10, Z, 14, Z, Z, Z, Z, Z, Z, Z, Z, Z};
+      static constexpr char kOut1[16] = {Z, 2, Z, 6, Z, 10, Z, 14, Z, Z, Z, Z, Z, Z, Z, Z};
+      const __m256i p = _mm256_or_si256(shuffle(s0, kOut0), shuffle(s1, kOut1));
+      const __m128i r =
+          _mm_unpacklo_epi64(_mm256_castsi256_si128(p), _mm256_extracti128_si256(p, 1));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out), r);
     }
-    const __m256i t = _mm256_load_si256(reinterpret_cast<const __m256i*>(upper));
-    const __m256i b = _mm256_load_si256(reinterpret_cast<const __m256i*>(lower));
-    const __m256i r0 = blend(dword_pair(t, 0, 2), dword_pair(b, 0, 2), w);
-    const __m256i r1 = blend(dword_pair(t, 1, 3), dword_pair(b, 1, 3), w);
-    const __m256i pair = _mm256_or_si256(r0, _mm256_slli_epi32(r1, 8));
-    const __m256i p = _mm256_permute4x64_epi64(_mm256_packus_epi32(pair, pair), 0xd8);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(p));
   } else {
-    alignas(32) uint64_t upper[8], lower[8];
-    constexpr int kSlot[8] = {0, 1, 4, 5, 2, 3, 6, 7};
-    for (int i = 0; i < 8; ++i) {
-      upper[kSlot[i]] = load<uint64_t>(in + offset[i]);
-      lower[kSlot[i]] = load<uint64_t>(in + offset[i] + stride - 2);
-    }
-    const __m256i t0 = _mm256_load_si256(reinterpret_cast<const __m256i*>(upper));
-    const __m256i t1 = _mm256_load_si256(reinterpret_cast<const __m256i*>(upper + 4));
-    const __m256i b0 = _mm256_load_si256(reinterpret_cast<const __m256i*>(lower));
-    const __m256i b1 = _mm256_load_si256(reinterpret_cast<const __m256i*>(lower + 4));
-    const __m256i r0 = blend(qword_pair(t0, t1, 0, 3), qword_pair(b0, b1, 2, 5), w);
-    const __m256i r1 = blend(qword_pair(t0, t1, 1, 4), qword_pair(b0, b1, 3, 6), w);
-    const __m256i r2 = blend(qword_pair(t0, t1, 2, 5), qword_pair(b0, b1, 4, 7), w);
-    const __m256i rgb =
-        _mm256_or_si256(_mm256_or_si256(r0, _mm256_slli_epi32(r1, 8)), _mm256_slli_epi32(r2, 16));
-    // Drop the fourth byte of each pixel: 12 bytes at the start of each 128-bit half.
-    const __m256i pack = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0,
-                                          1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
-    const __m256i p = _mm256_shuffle_epi8(rgb, pack);
-    const __m128i hi = _mm256_extracti128_si256(p, 1);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(p));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 12), hi);
-    const int32_t last = _mm_cvtsi128_si32(_mm_srli_si128(hi, 8));
-    std::memcpy(out + 20, &last, 4);
+    // Pixels 0 1 | 4 5 in `ta`/`ba`, 2 3 | 6 7 in `tb`/`bb`: each 128-bit half then holds
+    // the pixels whose weights sit in the same half of the weight registers.
+    const uint8_t* p[8];
+    for (int i = 0; i < 8; ++i) p[i] = in + offset[i];
+    const __m256i ta = load_qwords(p[0], p[1], p[4], p[5]);
+    const __m256i tb = load_qwords(p[2], p[3], p[6], p[7]);
+    const int32_t down = stride - 2;
+    const __m256i ba = load_qwords(p[0] + down, p[1] + down, p[4] + down, p[5] + down);
+    const __m256i bb = load_qwords(p[2] + down, p[3] + down, p[6] + down, p[7] + down);
+    // Red and green of two pixels per half, as (R, G, R, G) pairs: weights (w, w, w', w').
+    static constexpr char kTopRg[16] = {0, Z, 3, Z, 1, Z, 4, Z, 8, Z, 11, Z, 9, Z, 12, Z};
+    static constexpr char kBottomRg[16] = {2, Z, 5, Z, 3, Z, 6, Z, 10, Z, 13, Z, 11, Z, 14, Z};
+    auto twice_lo = [](__m256i v) { return _mm256_unpacklo_epi32(v, v); };
+    auto twice_hi = [](__m256i v) { return _mm256_unpackhi_epi32(v, v); };
+    const __m256i rg_a = blend(shuffle(ta, kTopRg), shuffle(ba, kBottomRg), twice_lo(w.hi_top),
+                               twice_lo(w.lo_top), twice_lo(w.hi_bottom), twice_lo(w.lo_bottom));
+    const __m256i rg_b = blend(shuffle(tb, kTopRg), shuffle(bb, kBottomRg), twice_hi(w.hi_top),
+                               twice_hi(w.lo_top), twice_hi(w.hi_bottom), twice_hi(w.lo_bottom));
+    // Blue of all eight pixels in pixel order.
+    static constexpr char kTopBa[16] = {2, Z, 5, Z, 10, Z, 13, Z, Z, Z, Z, Z, Z, Z, Z, Z};
+    static constexpr char kTopBb[16] = {Z, Z, Z, Z, Z, Z, Z, Z, 2, Z, 5, Z, 10, Z, 13, Z};
+    static constexpr char kBottomBa[16] = {4, Z, 7, Z, 12, Z, 15, Z, Z, Z, Z, Z, Z, Z, Z, Z};
+    static constexpr char kBottomBb[16] = {Z, Z, Z, Z, Z, Z, Z, Z, 4, Z, 7, Z, 12, Z, 15, Z};
+    const __m256i blue = blend(_mm256_or_si256(shuffle(ta, kTopBa), shuffle(tb, kTopBb)),
+                               _mm256_or_si256(shuffle(ba, kBottomBa), shuffle(bb, kBottomBb)), w);
+    // Byte 2 of each lane, in R G B order: 12 bytes per half.
+    static constexpr char kOutA[16] = {2, 6, Z, 10, 14, Z, Z, Z, Z, Z, Z, Z, Z, Z, Z, Z};
+    static constexpr char kOutB[16] = {Z, Z, Z, Z, Z, Z, 2, 6, Z, 10, 14, Z, Z, Z, Z, Z};
+    static constexpr char kOutBlue[16] = {Z, Z, 2, Z, Z, 6, Z, Z, 10, Z, Z, 14, Z, Z, Z, Z};
+    const __m256i rgb = _mm256_or_si256(_mm256_or_si256(shuffle(rg_a, kOutA), shuffle(rg_b, kOutB)),
+                                        shuffle(blue, kOutBlue));
+    const __m256i packed =
+        _mm256_permutevar8x32_epi32(rgb, _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(packed));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16), _mm256_extracti128_si256(packed, 1));
   }
 }
 
@@ -237,6 +269,19 @@ void warp_rows(const WarpJob& j) {
         }
         const __m256i ix = _mm256_cvtps_epi32(sx);  // floor under the round-down mode
         const __m256i iy = _mm256_cvtps_epi32(sy);
+        const __m256i inside = _mm256_and_si256(
+            _mm256_and_si256(_mm256_cmpgt_epi32(ix, minus_one), _mm256_cmpgt_epi32(x_end, ix)),
+            _mm256_and_si256(_mm256_cmpgt_epi32(iy, minus_one), _mm256_cmpgt_epi32(y_end, iy)));
+        uint8_t* out = out_row + static_cast<ptrdiff_t>(x) * C;
+        const int32_t count = j.out_width - x < 8 ? j.out_width - x : 8;
+        if (offsets_fit && count == 8 && _mm256_movemask_ps(_mm256_castsi256_ps(inside)) == 0xff) {
+          alignas(32) int32_t offset[8];
+          _mm256_store_si256(reinterpret_cast<__m256i*>(offset),
+                             _mm256_add_epi32(_mm256_mullo_epi32(iy, in_stride),
+                                              _mm256_mullo_epi32(ix, _mm256_set1_epi32(C))));
+          fast_block<C>(j.in, j.in_stride, offset, fast_weights(sx, sy, ix, iy), out);
+          continue;
+        }
         const __m256 fx = _mm256_sub_ps(sx, _mm256_cvtepi32_ps(ix));
         const __m256 fy = _mm256_sub_ps(sy, _mm256_cvtepi32_ps(iy));
         const __m256 gx = _mm256_sub_ps(one, fx), gy = _mm256_sub_ps(one, fy);
@@ -246,17 +291,6 @@ void warp_rows(const WarpJob& j) {
             _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(gx, fy), scale)),
             _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(fx, fy), scale)),
         };
-        const __m256i inside = _mm256_and_si256(
-            _mm256_and_si256(_mm256_cmpgt_epi32(ix, minus_one), _mm256_cmpgt_epi32(x_end, ix)),
-            _mm256_and_si256(_mm256_cmpgt_epi32(iy, minus_one), _mm256_cmpgt_epi32(y_end, iy)));
-        uint8_t* out = out_row + static_cast<ptrdiff_t>(x) * C;
-        const int32_t count = j.out_width - x < 8 ? j.out_width - x : 8;
-        if (offsets_fit && count == 8 && _mm256_movemask_ps(_mm256_castsi256_ps(inside)) == 0xff) {
-          const __m256i top = _mm256_add_epi32(_mm256_mullo_epi32(iy, in_stride),
-                                               _mm256_mullo_epi32(ix, _mm256_set1_epi32(C)));
-          blend_block<C>(j.in, j.in_stride, top, split_weights(w), out);
-          continue;
-        }
         _mm256_store_si256(reinterpret_cast<__m256i*>(lanes.ix), ix);
         _mm256_store_si256(reinterpret_cast<__m256i*>(lanes.iy), iy);
         for (int k = 0; k < 4; ++k)
