@@ -254,11 +254,12 @@ template <int C>
 class BlockGeometry {
  public:
   BlockGeometry(const WarpJob& j)
-      : short_(j.in_width <= 32768 && j.in_height <= 32768 && j.in_stride < 32768),
+      : short_(j.in_width <= 32768 && j.in_height <= 32768 && j.in_stride >= 0 &&
+               j.in_stride < 32768),
         limits_(short_ ? _mm256_setr_epi16(kw(j), kw(j), kw(j), kw(j), kh(j), kh(j), kh(j), kh(j),
                                            kw(j), kw(j), kw(j), kw(j), kh(j), kh(j), kh(j), kh(j))
                        : _mm256_setzero_si256()),
-        factors_(_mm256_set1_epi32(C | (j.in_stride << 16))),
+        factors_(_mm256_set1_epi32(short_ ? C | j.in_stride * 65536 : 0)),
         x_end_(_mm256_set1_epi32(j.in_width - 1)),
         y_end_(_mm256_set1_epi32(j.in_height - 1)),
         stride_(_mm256_set1_epi32(j.in_stride)) {}
@@ -349,7 +350,8 @@ void warp_rows(const WarpJob& j) {
           const uintptr_t ahead = reinterpret_cast<uintptr_t>(in) + offset[0] + in_ahead;
           _mm_prefetch(reinterpret_cast<const char*>(ahead), _MM_HINT_T0);
           _mm_prefetch(reinterpret_cast<const char*>(ahead + in_stride), _MM_HINT_T0);
-          _mm_prefetch(reinterpret_cast<const char*>(out + out_ahead), _MM_HINT_T0);
+          _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(out) + out_ahead),
+                       _MM_HINT_T0);
           fast_block<C>(in, in_stride, offset, fast_weights(sx, sy, ix, iy), out);
           continue;
         }
