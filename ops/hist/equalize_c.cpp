@@ -1,35 +1,38 @@
-// The equalisation kernel: histogram, cumulative table, byte mapping.
+// The equalisation kernel: histogram, cumulative table, byte mapping (scalar, or the
+// 256-bit mapping when the processor has AVX2).
 #include <cmath>
 #include <cstddef>
 #include <cstring>
 
 #include "ops/hist/hist.h"
+#include "ops/hist/hist_kernels.h"
+#include "plugin/cpu_features.h"
 
 namespace zarvel::aux::hist {
 namespace {
 
 // Counts `n` bytes into four sub-histograms in turn: consecutive equal bytes (flat areas)
-// then increment different counters instead of waiting on one another.
+// then increment different counters instead of waiting on one another. Each byte is loaded
+// on its own: a load is cheaper than the shift and mask that would extract it from a word,
+// and the increments (a load and a store each) bound the loop either way.
 void count_run(const uint8_t* p, int64_t n, uint32_t sub[4][256]) {
   int64_t x = 0;
   for (; x + 8 <= n; x += 8) {
-    uint64_t v;
-    std::memcpy(&v, p + x, 8);
-    ++sub[0][v & 0xff];
-    ++sub[1][(v >> 8) & 0xff];
-    ++sub[2][(v >> 16) & 0xff];
-    ++sub[3][(v >> 24) & 0xff];
-    ++sub[0][(v >> 32) & 0xff];
-    ++sub[1][(v >> 40) & 0xff];
-    ++sub[2][(v >> 48) & 0xff];
-    ++sub[3][v >> 56];
+    ++sub[0][p[x]];
+    ++sub[1][p[x + 1]];
+    ++sub[2][p[x + 2]];
+    ++sub[3][p[x + 3]];
+    ++sub[0][p[x + 4]];
+    ++sub[1][p[x + 5]];
+    ++sub[2][p[x + 6]];
+    ++sub[3][p[x + 7]];
   }
   for (; x < n; ++x) ++sub[x & 3][p[x]];
 }
 
 // One table load and one byte store a pixel: assembling 8-byte words from the looked-up bytes
 // costs more shifts than the stores it saves.
-void map_run(const uint8_t* s, int64_t n, uint8_t* d, const uint8_t table[256]) {
+void map_run_c(const uint8_t* s, int64_t n, uint8_t* d, const uint8_t table[256]) {
   for (int64_t x = 0; x < n; ++x) d[x] = table[s[x]];
 }
 
@@ -69,6 +72,7 @@ void build_equalize_table(const int32_t hist[256], int32_t n, uint8_t table[256]
 void map_table(int32_t height, int32_t width, int32_t src_stride, const uint8_t* src,
                int32_t dst_stride, uint8_t* dst, const uint8_t table[256]) {
   if (height <= 0 || width <= 0) return;
+  const auto map_run = (cpu_features() & kCpuAvx2) != 0 ? map_run_avx2 : map_run_c;
   if (src_stride == width && dst_stride == width) {
     map_run(src, int64_t{height} * width, dst, table);
     return;

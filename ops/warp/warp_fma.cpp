@@ -3,7 +3,9 @@
 #include <immintrin.h>
 
 #include <cfenv>
+#include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <type_traits>
 
@@ -26,6 +28,9 @@ class RoundDownScope {
 
 // Output pixels per column strip (a multiple of 8).
 constexpr int32_t kStripWidth = 128;
+
+// Rows ahead whose input and output lines are prefetched.
+constexpr int kPrefetchRows = 16;
 
 // The eight lanes of a block after the coordinate stage.
 struct alignas(32) Lanes {
@@ -68,60 +73,60 @@ inline void blend_lane(const WarpJob& j, const Lanes& l, int lane, uint8_t* out)
   }
 }
 
-// The Q16 weights of a block split for 16-bit multiply-adds. For pixels inside the plane
-// every weight w lies in [0, 2^16]; with w = 256 a + b (a in [0, 256], b in [0, 255]) both
-// halves fit int16, and
-//   sum(w p) = 256 * sum(a p) + sum(b p)
-// exactly, so the blend equals the 32-bit formula bit for bit. Each register holds, per
-// pixel, the pair (left weight, right weight) of one row.
+// The fast path: eight pixels whose four neighbours all lie inside the plane, so that
+// 0 <= fx, fy < 1 and every weight lies in [0, 2^16].
+//
+// Weights. With fxs = fx * 2^16 and gxs = 2^16 - fxs (both exact: scaling by a power of two
+// commutes with rounding in the normal range, and 1 - fx >= 2^-24 is normal), the products
+// gxs * gy, fxs * gy, gxs * fy, fxs * fy round to 2^16 times the rounded products of the
+// formula whenever those are normal; below that both floor to 0. So the four floored weights
+// are the formula's, one multiplication each.
+//
+// 16-bit blend. wTL = 2^16 only when fx = fy = 0, and then the other weights are 0; the
+// unsigned saturating pack stores 2^16 - 1 instead, and (65535 TL + 2^15) >> 16 = TL is the
+// same byte. With every weight w in [0, 2^16 - 1], w' = w - 2^15 fits int16, and
+//   sum(w p) + 2^15 = sum(w' p) + 2^15 * (sum(p) + 1)
+// exactly in 32 bits: two 16-bit multiply-adds on (left, right) neighbour pairs give
+// sum(w' p), a third on the pair sums (TL + BL, TR + BR) gives -2^15 * sum(p). The total
+// lies in [0, 2^24), so the result is byte 2 of each 32-bit lane.
 struct PairWeights {
-  __m256i hi_top, hi_bottom, lo_top, lo_bottom;
+  __m256i top, bottom;  // per pixel: (w' left, w' right) as 16-bit pairs, pixel order
 };
 
-inline PairWeights split_weights(const __m256i w[4]) {
-  const __m256i low_byte = _mm256_set1_epi32(0xff);
-  auto pair = [](__m256i left, __m256i right) {
-    return _mm256_or_si256(left, _mm256_slli_epi32(right, 16));
-  };
-  auto hi = [](__m256i v) { return _mm256_srli_epi32(v, 8); };
-  auto lo = [low_byte](__m256i v) { return _mm256_and_si256(v, low_byte); };
-  return {pair(hi(w[0]), hi(w[1])), pair(hi(w[2]), hi(w[3])), pair(lo(w[0]), lo(w[1])),
-          pair(lo(w[2]), lo(w[3]))};
+// Interleaves the two 4-word groups of each 128-bit half: (a0..a3, b0..b3) -> (a0, b0, ...).
+constexpr char Z = static_cast<char>(0x80);
+constexpr char kInterleave[16] = {0, 1, 8, 9, 2, 3, 10, 11, 4, 5, 12, 13, 6, 7, 14, 15};
+
+// The same byte shuffle in both 128-bit halves.
+inline __m256i shuffle(__m256i v, const char (&m)[16]) {
+  return _mm256_shuffle_epi8(
+      v, _mm256_setr_epi8(m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7], m[8], m[9], m[10], m[11],
+                          m[12], m[13], m[14], m[15], m[0], m[1], m[2], m[3], m[4], m[5], m[6],
+                          m[7], m[8], m[9], m[10], m[11], m[12], m[13], m[14], m[15]));
 }
 
-// One channel of eight pixels: `top` and `bottom` hold per pixel the 16-bit pairs
-// (TL, TR) and (BL, BR). Returns the rounded blend in 32-bit lanes.
-inline __m256i blend(__m256i top, __m256i bottom, const PairWeights& w) {
-  const __m256i hi =
-      _mm256_add_epi32(_mm256_madd_epi16(top, w.hi_top), _mm256_madd_epi16(bottom, w.hi_bottom));
-  const __m256i lo =
-      _mm256_add_epi32(_mm256_madd_epi16(top, w.lo_top), _mm256_madd_epi16(bottom, w.lo_bottom));
-  const __m256i sum = _mm256_add_epi32(_mm256_slli_epi32(hi, 8), lo);
-  return _mm256_srai_epi32(_mm256_add_epi32(sum, _mm256_set1_epi32(kWeightRound)), kWeightBits);
+inline PairWeights fast_weights(__m256 sx, __m256 sy, __m256i ix, __m256i iy) {
+  const __m256 scale = _mm256_set1_ps(kWeightScale);
+  const __m256 fxs = _mm256_mul_ps(_mm256_sub_ps(sx, _mm256_cvtepi32_ps(ix)), scale);
+  const __m256 fy = _mm256_sub_ps(sy, _mm256_cvtepi32_ps(iy));
+  const __m256 gxs = _mm256_sub_ps(scale, fxs);
+  const __m256 gy = _mm256_sub_ps(_mm256_set1_ps(1.0f), fy);
+  const __m256i tl = _mm256_cvtps_epi32(_mm256_mul_ps(gxs, gy));
+  const __m256i tr = _mm256_cvtps_epi32(_mm256_mul_ps(fxs, gy));
+  const __m256i bl = _mm256_cvtps_epi32(_mm256_mul_ps(gxs, fy));
+  const __m256i br = _mm256_cvtps_epi32(_mm256_mul_ps(fxs, fy));
+  const __m256i bias = _mm256_set1_epi16(static_cast<int16_t>(0x8000));
+  return {_mm256_xor_si256(shuffle(_mm256_packus_epi32(tl, tr), kInterleave), bias),
+          _mm256_xor_si256(shuffle(_mm256_packus_epi32(bl, br), kInterleave), bias)};
 }
 
-// Bytes i and j of each dword as a pair of 16-bit values.
-inline __m256i dword_pair(__m256i v, char i, char j) {
-  const char z = static_cast<char>(0x80);
-  const __m256i m = _mm256_setr_epi8(
-      i, z, j, z, static_cast<char>(i + 4), z, static_cast<char>(j + 4), z,
-      static_cast<char>(i + 8), z, static_cast<char>(j + 8), z, static_cast<char>(i + 12), z,
-      static_cast<char>(j + 12), z, i, z, j, z, static_cast<char>(i + 4), z,
-      static_cast<char>(j + 4), z, static_cast<char>(i + 8), z, static_cast<char>(j + 8), z,
-      static_cast<char>(i + 12), z, static_cast<char>(j + 12), z);
-  return _mm256_shuffle_epi8(v, m);
-}
-
-// Bytes i and j of each 64-bit pixel of two registers as 16-bit pairs: the pixels of `v0`
-// go to dwords 0 and 1 of each 128-bit half, those of `v1` to dwords 2 and 3.
-inline __m256i qword_pair(__m256i v0, __m256i v1, char i, char j) {
-  const char z = static_cast<char>(0x80);
-  const char i8 = static_cast<char>(i + 8), j8 = static_cast<char>(j + 8);
-  const __m256i m0 = _mm256_setr_epi8(i, z, j, z, i8, z, j8, z, z, z, z, z, z, z, z, z,  //
-                                      i, z, j, z, i8, z, j8, z, z, z, z, z, z, z, z, z);
-  const __m256i m1 = _mm256_setr_epi8(z, z, z, z, z, z, z, z, i, z, j, z, i8, z, j8, z,  //
-                                      z, z, z, z, z, z, z, z, i, z, j, z, i8, z, j8, z);
-  return _mm256_or_si256(_mm256_shuffle_epi8(v0, m0), _mm256_shuffle_epi8(v1, m1));
+// One register of pairs: sum(w p) + 2^15 per 32-bit lane.
+inline __m256i blend(__m256i top, __m256i bottom, __m256i w_top, __m256i w_bottom) {
+  const __m256i biased =
+      _mm256_add_epi32(_mm256_madd_epi16(top, w_top), _mm256_madd_epi16(bottom, w_bottom));
+  const __m256i minus_sum = _mm256_madd_epi16(_mm256_add_epi16(top, bottom),
+                                              _mm256_set1_epi16(static_cast<int16_t>(0x8000)));
+  return _mm256_add_epi32(_mm256_sub_epi32(biased, minus_sum), _mm256_set1_epi32(kWeightRound));
 }
 
 template <class T>
@@ -131,71 +136,160 @@ inline T load(const uint8_t* p) {
   return v;
 }
 
-// Eight pixels whose four neighbours all lie inside the plane; `top` holds the byte offsets
-// of their top-left neighbours. The neighbour pairs are read with scalar loads (vector
-// gathers are slow on many processors) and blended channel by channel.
-//   1 channel: the 2-byte top and bottom pairs, packed as TL TR BL BR in one word.
-//   2 channels: the 4-byte top and bottom pairs.
-//   3 channels: 8 bytes for each pair: the top one starts at TL and runs two bytes past TR
-//   (into the next row, which exists), the bottom one ends at BR and starts two bytes before
-//   BL (inside the row above). Pixels go to the two registers in the order 0 1 4 5 | 2 3 6 7,
-//   so that a byte shuffle per 128-bit half puts each channel back in pixel order.
+inline __m256i load_qwords(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2,
+                           const uint8_t* p3) {
+  const __m128i lo = _mm_set_epi64x(load<int64_t>(p1), load<int64_t>(p0));
+  const __m128i hi = _mm_set_epi64x(load<int64_t>(p3), load<int64_t>(p2));
+  return _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
+}
+
+inline __m256i load_dwords(const uint8_t* base, const int32_t offset[8], int32_t delta) {
+  auto at = [&](int i) { return load<int32_t>(base + offset[i] + delta); };
+  return _mm256_setr_epi32(at(0), at(1), at(2), at(3), at(4), at(5), at(6), at(7));
+}
+
+// Eight pixels of the fast path; `offset` holds the byte offsets of their top-left
+// neighbours. The neighbours are read with scalar loads (vector gathers are slow on many
+// processors), four bytes per row and pixel for one or two channels, eight for three:
+//   1 channel: the top dword starts at TL and the bottom one ends at BR (it starts two bytes
+//   before BL, inside the row above), so neither reads past the plane.
+//   2 channels: the top and bottom dwords are exactly (TL, TR) and (BL, BR).
+//   3 channels: the top qword starts at TL and runs two bytes past TR (into the next row,
+//   which exists), the bottom one ends at BR and starts two bytes before BL.
 template <int C>
-inline void blend_block(const uint8_t* in, int32_t stride, __m256i top, const PairWeights& w,
-                        uint8_t* out) {
-  alignas(32) int32_t offset[8];
-  _mm256_store_si256(reinterpret_cast<__m256i*>(offset), top);
+inline void fast_block(const uint8_t* in, int32_t stride, const int32_t offset[8],
+                       const PairWeights& w, uint8_t* out) {
   if constexpr (C == 1) {
-    alignas(32) uint32_t quad[8];
-    for (int i = 0; i < 8; ++i) {
-      const uint8_t* p = in + offset[i];
-      quad[i] = load<uint16_t>(p) | static_cast<uint32_t>(load<uint16_t>(p + stride)) << 16;
-    }
-    const __m256i q = _mm256_load_si256(reinterpret_cast<const __m256i*>(quad));
-    const __m256i r = blend(dword_pair(q, 0, 1), dword_pair(q, 2, 3), w);
-    const __m256i p = _mm256_packus_epi16(_mm256_packus_epi32(r, r), _mm256_setzero_si256());
-    const __m128i lo = _mm256_castsi256_si128(p), hi = _mm256_extracti128_si256(p, 1);
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi32(lo, hi));
+    const __m256i t = load_dwords(in, offset, 0), b = load_dwords(in, offset, stride - 2);
+    static constexpr char kTop[16] = {0, Z, 1, Z, 4, Z, 5, Z, 8, Z, 9, Z, 12, Z, 13, Z};
+    static constexpr char kBottom[16] = {2, Z, 3, Z, 6, Z, 7, Z, 10, Z, 11, Z, 14, Z, 15, Z};
+    const __m256i s = blend(shuffle(t, kTop), shuffle(b, kBottom), w.top, w.bottom);
+    static constexpr char kOut[16] = {2, 6, 10, 14, Z, Z, Z, Z, Z, Z, Z, Z, Z, Z, Z, Z};
+    const __m256i p = shuffle(s, kOut);
+    const __m128i r = _mm_unpacklo_epi32(_mm256_castsi256_si128(p), _mm256_extracti128_si256(p, 1));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), r);
   } else if constexpr (C == 2) {
-    alignas(32) uint32_t upper[8], lower[8];
-    for (int i = 0; i < 8; ++i) {
-      upper[i] = load<uint32_t>(in + offset[i]);
-      lower[i] = load<uint32_t>(in + offset[i] + stride);
-    }
-    const __m256i t = _mm256_load_si256(reinterpret_cast<const __m256i*>(upper));
-    const __m256i b = _mm256_load_si256(reinterpret_cast<const __m256i*>(lower));
-    const __m256i r0 = blend(dword_pair(t, 0, 2), dword_pair(b, 0, 2), w);
-    const __m256i r1 = blend(dword_pair(t, 1, 3), dword_pair(b, 1, 3), w);
-    const __m256i pair = _mm256_or_si256(r0, _mm256_slli_epi32(r1, 8));
-    const __m256i p = _mm256_permute4x64_epi64(_mm256_packus_epi32(pair, pair), 0xd8);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(p));
+    const __m256i t = load_dwords(in, offset, 0), b = load_dwords(in, offset, stride);
+    static constexpr char kFirst[16] = {0, Z, 2, Z, 4, Z, 6, Z, 8, Z, 10, Z, 12, Z, 14, Z};
+    static constexpr char kSecond[16] = {1, Z, 3, Z, 5, Z, 7, Z, 9, Z, 11, Z, 13, Z, 15, Z};
+    const __m256i s0 = blend(shuffle(t, kFirst), shuffle(b, kFirst), w.top, w.bottom);
+    const __m256i s1 = blend(shuffle(t, kSecond), shuffle(b, kSecond), w.top, w.bottom);
+    static constexpr char kOut0[16] = {2, Z, 6, Z, 10, Z, 14, Z, Z, Z, Z, Z, Z, Z, Z, Z};
+    static constexpr char kOut1[16] = {Z, 2, Z, 6, Z, 10, Z, 14, Z, Z, Z, Z, Z, Z, Z, Z};
+    const __m256i p = _mm256_or_si256(shuffle(s0, kOut0), shuffle(s1, kOut1));
+    const __m128i r = _mm_unpacklo_epi64(_mm256_castsi256_si128(p), _mm256_extracti128_si256(p, 1));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), r);
   } else {
-    alignas(32) uint64_t upper[8], lower[8];
-    constexpr int kSlot[8] = {0, 1, 4, 5, 2, 3, 6, 7};
-    for (int i = 0; i < 8; ++i) {
-      upper[kSlot[i]] = load<uint64_t>(in + offset[i]);
-      lower[kSlot[i]] = load<uint64_t>(in + offset[i] + stride - 2);
-    }
-    const __m256i t0 = _mm256_load_si256(reinterpret_cast<const __m256i*>(upper));
-    const __m256i t1 = _mm256_load_si256(reinterpret_cast<const __m256i*>(upper + 4));
-    const __m256i b0 = _mm256_load_si256(reinterpret_cast<const __m256i*>(lower));
-    const __m256i b1 = _mm256_load_si256(reinterpret_cast<const __m256i*>(lower + 4));
-    const __m256i r0 = blend(qword_pair(t0, t1, 0, 3), qword_pair(b0, b1, 2, 5), w);
-    const __m256i r1 = blend(qword_pair(t0, t1, 1, 4), qword_pair(b0, b1, 3, 6), w);
-    const __m256i r2 = blend(qword_pair(t0, t1, 2, 5), qword_pair(b0, b1, 4, 7), w);
-    const __m256i rgb =
-        _mm256_or_si256(_mm256_or_si256(r0, _mm256_slli_epi32(r1, 8)), _mm256_slli_epi32(r2, 16));
-    // Drop the fourth byte of each pixel: 12 bytes at the start of each 128-bit half.
-    const __m256i pack = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0,
-                                          1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
-    const __m256i p = _mm256_shuffle_epi8(rgb, pack);
-    const __m128i hi = _mm256_extracti128_si256(p, 1);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(p));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 12), hi);
-    const int32_t last = _mm_cvtsi128_si32(_mm_srli_si128(hi, 8));
-    std::memcpy(out + 20, &last, 4);
+    // Pixels 0 1 | 4 5 in `ta`/`ba`, 2 3 | 6 7 in `tb`/`bb`: each 128-bit half then holds
+    // the pixels whose weights sit in the same half of the weight registers.
+    const uint8_t* p[8];
+    for (int i = 0; i < 8; ++i) p[i] = in + offset[i];
+    const __m256i ta = load_qwords(p[0], p[1], p[4], p[5]);
+    const __m256i tb = load_qwords(p[2], p[3], p[6], p[7]);
+    const int32_t down = stride - 2;
+    const __m256i ba = load_qwords(p[0] + down, p[1] + down, p[4] + down, p[5] + down);
+    const __m256i bb = load_qwords(p[2] + down, p[3] + down, p[6] + down, p[7] + down);
+    // Red and green of two pixels per half, as (R, G, R, G) pairs: weights (w, w, w', w').
+    static constexpr char kTopRg[16] = {0, Z, 3, Z, 1, Z, 4, Z, 8, Z, 11, Z, 9, Z, 12, Z};
+    static constexpr char kBottomRg[16] = {2, Z, 5, Z, 3, Z, 6, Z, 10, Z, 13, Z, 11, Z, 14, Z};
+    const __m256i rg_a =
+        blend(shuffle(ta, kTopRg), shuffle(ba, kBottomRg), _mm256_unpacklo_epi32(w.top, w.top),
+              _mm256_unpacklo_epi32(w.bottom, w.bottom));
+    const __m256i rg_b =
+        blend(shuffle(tb, kTopRg), shuffle(bb, kBottomRg), _mm256_unpackhi_epi32(w.top, w.top),
+              _mm256_unpackhi_epi32(w.bottom, w.bottom));
+    // Blue of all eight pixels in pixel order.
+    static constexpr char kTopBa[16] = {2, Z, 5, Z, 10, Z, 13, Z, Z, Z, Z, Z, Z, Z, Z, Z};
+    static constexpr char kTopBb[16] = {Z, Z, Z, Z, Z, Z, Z, Z, 2, Z, 5, Z, 10, Z, 13, Z};
+    static constexpr char kBottomBa[16] = {4, Z, 7, Z, 12, Z, 15, Z, Z, Z, Z, Z, Z, Z, Z, Z};
+    static constexpr char kBottomBb[16] = {Z, Z, Z, Z, Z, Z, Z, Z, 4, Z, 7, Z, 12, Z, 15, Z};
+    const __m256i blue =
+        blend(_mm256_or_si256(shuffle(ta, kTopBa), shuffle(tb, kTopBb)),
+              _mm256_or_si256(shuffle(ba, kBottomBa), shuffle(bb, kBottomBb)), w.top, w.bottom);
+    // Byte 2 of each lane, in R G B order: 12 bytes per half.
+    static constexpr char kOutA[16] = {2, 6, Z, 10, 14, Z, Z, Z, Z, Z, Z, Z, Z, Z, Z, Z};
+    static constexpr char kOutB[16] = {Z, Z, Z, Z, Z, Z, 2, 6, Z, 10, 14, Z, Z, Z, Z, Z};
+    static constexpr char kOutBlue[16] = {Z, Z, 2, Z, Z, 6, Z, Z, 10, Z, Z, 14, Z, Z, Z, Z};
+    const __m256i rgb = _mm256_or_si256(_mm256_or_si256(shuffle(rg_a, kOutA), shuffle(rg_b, kOutB)),
+                                        shuffle(blue, kOutBlue));
+    const __m256i packed =
+        _mm256_permutevar8x32_epi32(rgb, _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(packed));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16), _mm256_extracti128_si256(packed, 1));
   }
 }
+
+// A block with a pixel whose neighbours are not all inside, or the last, partial block of
+// a row: the weights of the formula, then pixel by pixel. Kept out of line so that the fast
+// path keeps its registers.
+template <int C, int32_t kMode>
+__attribute__((noinline)) void border_block(const WarpJob& j, __m256 sx, __m256 sy, __m256i ix,
+                                            __m256i iy, int32_t count, uint8_t* out) {
+  const __m256 one = _mm256_set1_ps(1.0f), scale = _mm256_set1_ps(kWeightScale);
+  const __m256 fx = _mm256_sub_ps(sx, _mm256_cvtepi32_ps(ix));
+  const __m256 fy = _mm256_sub_ps(sy, _mm256_cvtepi32_ps(iy));
+  const __m256 gx = _mm256_sub_ps(one, fx), gy = _mm256_sub_ps(one, fy);
+  const __m256i w[4] = {
+      _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(gx, gy), scale)),
+      _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(fx, gy), scale)),
+      _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(gx, fy), scale)),
+      _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(fx, fy), scale)),
+  };
+  Lanes lanes;
+  _mm256_store_si256(reinterpret_cast<__m256i*>(lanes.ix), ix);
+  _mm256_store_si256(reinterpret_cast<__m256i*>(lanes.iy), iy);
+  for (int k = 0; k < 4; ++k) _mm256_store_si256(reinterpret_cast<__m256i*>(lanes.w[k]), w[k]);
+  for (int32_t lane = 0; lane < count; ++lane) blend_lane<C, kMode>(j, lanes, lane, out + lane * C);
+}
+
+// The inside test of a block (0 <= ix < in_width - 1 and 0 <= iy < in_height - 1 in every
+// lane) and the byte offsets of the top-left neighbours.
+//   Short planes (width and height at most 2^15, stride below 2^15): the coordinates are
+//   packed to 16 bits with signed saturation, so that negative ones become at least 2^15
+//   as unsigned words and large ones saturate to 2^15 - 1, both past any limit; an
+//   unsigned saturating subtraction of the limits is zero exactly inside. The offsets come
+//   from one multiply-add of the (ix, iy) word pairs with (C, stride).
+//   Other planes: 32-bit compares and multiplications.
+template <int C>
+class BlockGeometry {
+ public:
+  BlockGeometry(const WarpJob& j)
+      : short_(j.in_width <= 32768 && j.in_height <= 32768 && j.in_stride >= 0 &&
+               j.in_stride < 32768),
+        limits_(short_ ? _mm256_setr_epi16(kw(j), kw(j), kw(j), kw(j), kh(j), kh(j), kh(j), kh(j),
+                                           kw(j), kw(j), kw(j), kw(j), kh(j), kh(j), kh(j), kh(j))
+                       : _mm256_setzero_si256()),
+        factors_(_mm256_set1_epi32(short_ ? C | j.in_stride * 65536 : 0)),
+        x_end_(_mm256_set1_epi32(j.in_width - 1)),
+        y_end_(_mm256_set1_epi32(j.in_height - 1)),
+        stride_(_mm256_set1_epi32(j.in_stride)) {}
+
+  // Returns true, with the offsets, when every lane is inside.
+  bool inside(__m256i ix, __m256i iy, __m256i& offset) const {
+    if (short_) {
+      const __m256i packed = _mm256_packs_epi32(ix, iy);  // ix0..3 iy0..3 | ix4..7 iy4..7
+      const __m256i excess = _mm256_subs_epu16(packed, limits_);
+      if (!_mm256_testz_si256(excess, excess)) return false;
+      offset = _mm256_madd_epi16(shuffle(packed, kInterleave), factors_);
+      return true;
+    }
+    const __m256i minus_one = _mm256_set1_epi32(-1);
+    const __m256i in = _mm256_and_si256(
+        _mm256_and_si256(_mm256_cmpgt_epi32(ix, minus_one), _mm256_cmpgt_epi32(x_end_, ix)),
+        _mm256_and_si256(_mm256_cmpgt_epi32(iy, minus_one), _mm256_cmpgt_epi32(y_end_, iy)));
+    if (_mm256_movemask_ps(_mm256_castsi256_ps(in)) != 0xff) return false;
+    offset = _mm256_add_epi32(_mm256_mullo_epi32(iy, stride_),
+                              _mm256_mullo_epi32(ix, _mm256_set1_epi32(C)));
+    return true;
+  }
+
+ private:
+  static int16_t kw(const WarpJob& j) { return static_cast<int16_t>(j.in_width - 2); }
+  static int16_t kh(const WarpJob& j) { return static_cast<int16_t>(j.in_height - 2); }
+
+  bool short_;
+  __m256i limits_, factors_, x_end_, y_end_, stride_;
+};
 
 template <int C, bool kPerspective, int32_t kMode>
 void warp_rows(const WarpJob& j) {
@@ -204,23 +298,31 @@ void warp_rows(const WarpJob& j) {
   const __m256 m0 = _mm256_set1_ps(m[0]), m3 = _mm256_set1_ps(m[3]);
   const __m256 m6 = _mm256_set1_ps(kPerspective ? m[6] : 0.0f);
   const __m256 lane_x = _mm256_setr_ps(0, 1, 2, 3, 4, 5, 6, 7);
-  const __m256 one = _mm256_set1_ps(1.0f), scale = _mm256_set1_ps(kWeightScale);
-  // Inside: 0 <= ix < in_width - 1 and 0 <= iy < in_height - 1.
-  const __m256i minus_one = _mm256_set1_epi32(-1);
-  const __m256i x_end = _mm256_set1_epi32(j.in_width - 1);
-  const __m256i y_end = _mm256_set1_epi32(j.in_height - 1);
-  const __m256i in_stride = _mm256_set1_epi32(j.in_stride);
-  // Block offsets are 32-bit, and the pair loads rely on rows that do not overlap: other
-  // planes take the per-lane path.
-  const bool offsets_fit = int64_t{j.in_stride} >= int64_t{j.in_width} * C &&
-                           int64_t{j.in_stride} * j.in_height + 8 < int64_t{INT32_MAX};
-  Lanes lanes;
+  const __m256 one = _mm256_set1_ps(1.0f);
+  // Block offsets are 32-bit, and the pair loads rely on rows that do not overlap; planes
+  // with a single row or column have no inside block. Other planes take the per-lane path.
+  const bool fast = j.in_width >= 2 && j.in_height >= 2 &&
+                    int64_t{j.in_stride} >= int64_t{j.in_width} * C &&
+                    int64_t{j.in_stride} * j.in_height + 8 < int64_t{INT32_MAX};
+  const BlockGeometry<C> geometry(j);
+  const uint8_t* const in = j.in;
+  const int32_t in_stride = j.in_stride, out_width = j.out_width, out_height = j.out_height;
+  uint8_t* const out_plane = j.out;
+  const ptrdiff_t out_stride = j.out_stride;
+  // Byte distances from a pixel's input neighbours and output bytes to those of the pixel
+  // kPrefetchRows rows below (approximate: only the cache lines matter).
+  const float ahead_x = m[1] * kPrefetchRows, ahead_y = m[4] * kPrefetchRows;
+  const intptr_t in_ahead = std::fabs(ahead_x) < 1e6f && std::fabs(ahead_y) < 1e6f
+                                ? static_cast<intptr_t>(std::lround(ahead_y)) * j.in_stride +
+                                      static_cast<intptr_t>(std::lround(ahead_x)) * C
+                                : 0;
+  const intptr_t out_ahead = static_cast<intptr_t>(kPrefetchRows) * j.out_stride;
   // The output is walked in column strips: a strip's rows read a narrow band of the input
   // that stays in cache, where whole rows of a rotated image would cross many input rows.
-  for (int32_t x0 = 0; x0 < j.out_width; x0 += kStripWidth) {
-    const int32_t x1 = j.out_width - x0 < kStripWidth ? j.out_width : x0 + kStripWidth;
-    for (int32_t y = 0; y < j.out_height; ++y) {
-      uint8_t* out_row = j.out + static_cast<ptrdiff_t>(y) * j.out_stride;
+  for (int32_t x0 = 0; x0 < out_width; x0 += kStripWidth) {
+    const int32_t x1 = out_width - x0 < kStripWidth ? out_width : x0 + kStripWidth;
+    for (int32_t y = 0; y < out_height; ++y) {
+      uint8_t* out_row = out_plane + y * out_stride;
       const __m256 yf = _mm256_set1_ps(static_cast<float>(y));
       const __m256 row_x = _mm256_fmadd_ps(_mm256_set1_ps(m[1]), yf, _mm256_set1_ps(m[2]));
       const __m256 row_y = _mm256_fmadd_ps(_mm256_set1_ps(m[4]), yf, _mm256_set1_ps(m[5]));
@@ -237,32 +339,23 @@ void warp_rows(const WarpJob& j) {
         }
         const __m256i ix = _mm256_cvtps_epi32(sx);  // floor under the round-down mode
         const __m256i iy = _mm256_cvtps_epi32(sy);
-        const __m256 fx = _mm256_sub_ps(sx, _mm256_cvtepi32_ps(ix));
-        const __m256 fy = _mm256_sub_ps(sy, _mm256_cvtepi32_ps(iy));
-        const __m256 gx = _mm256_sub_ps(one, fx), gy = _mm256_sub_ps(one, fy);
-        const __m256i w[4] = {
-            _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(gx, gy), scale)),
-            _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(fx, gy), scale)),
-            _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(gx, fy), scale)),
-            _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(fx, fy), scale)),
-        };
-        const __m256i inside = _mm256_and_si256(
-            _mm256_and_si256(_mm256_cmpgt_epi32(ix, minus_one), _mm256_cmpgt_epi32(x_end, ix)),
-            _mm256_and_si256(_mm256_cmpgt_epi32(iy, minus_one), _mm256_cmpgt_epi32(y_end, iy)));
         uint8_t* out = out_row + static_cast<ptrdiff_t>(x) * C;
-        const int32_t count = j.out_width - x < 8 ? j.out_width - x : 8;
-        if (offsets_fit && count == 8 && _mm256_movemask_ps(_mm256_castsi256_ps(inside)) == 0xff) {
-          const __m256i top = _mm256_add_epi32(_mm256_mullo_epi32(iy, in_stride),
-                                               _mm256_mullo_epi32(ix, _mm256_set1_epi32(C)));
-          blend_block<C>(j.in, j.in_stride, top, split_weights(w), out);
+        const int32_t count = out_width - x < 8 ? out_width - x : 8;
+        __m256i top_left;
+        if (fast && count == 8 && geometry.inside(ix, iy, top_left)) {
+          alignas(32) int32_t offset[8];
+          _mm256_store_si256(reinterpret_cast<__m256i*>(offset), top_left);
+          // Read the offsets back as integers rather than extracting them lane by lane.
+          asm("" : "+m"(offset));
+          const uintptr_t ahead = reinterpret_cast<uintptr_t>(in) + offset[0] + in_ahead;
+          _mm_prefetch(reinterpret_cast<const char*>(ahead), _MM_HINT_T0);
+          _mm_prefetch(reinterpret_cast<const char*>(ahead + in_stride), _MM_HINT_T0);
+          _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(out) + out_ahead),
+                       _MM_HINT_T0);
+          fast_block<C>(in, in_stride, offset, fast_weights(sx, sy, ix, iy), out);
           continue;
         }
-        _mm256_store_si256(reinterpret_cast<__m256i*>(lanes.ix), ix);
-        _mm256_store_si256(reinterpret_cast<__m256i*>(lanes.iy), iy);
-        for (int k = 0; k < 4; ++k)
-          _mm256_store_si256(reinterpret_cast<__m256i*>(lanes.w[k]), w[k]);
-        for (int32_t lane = 0; lane < count; ++lane)
-          blend_lane<C, kMode>(j, lanes, lane, out + lane * C);
+        border_block<C, kMode>(j, sx, sy, ix, iy, count, out);
       }
     }
   }
