@@ -26,7 +26,7 @@ constexpr const char* kHostName = "frame_utils_cpu_to_tensor";
 // elements apart, rows `row_stride` elements apart, `height` rows of `width` samples. Checks
 // that all of them lie inside the tensor's buffer; logs and returns -1 when they do not (or
 // the tensor has no data).
-int32_t locate(const zarvel_tensor_t* tensor, int32_t offset, int planes, int64_t elem_size,
+int32_t locate(const zarvel_tensor_t* tensor, int64_t offset, int planes, int64_t elem_size,
                uint8_t** data, int64_t* plane_stride, int64_t* row_stride) {
   const int32_t height = tensor->shape[2];
   const int32_t width = tensor->shape[3];
@@ -37,18 +37,19 @@ int32_t locate(const zarvel_tensor_t* tensor, int32_t offset, int planes, int64_
 
   bool fits = raw != nullptr && height > 0 && width > 0 && *plane_stride >= 0 && *row_stride >= 0;
   int64_t first = 0, span = 0, rows = 0, end = 0;
-  fits = fits && !__builtin_add_overflow(tensor->offset, int64_t{offset}, &first) && first >= 0 &&
+  fits = fits && !__builtin_add_overflow(tensor->offset, offset, &first) && first >= 0 &&
          !__builtin_mul_overflow(int64_t{planes - 1}, *plane_stride, &span) &&
          !__builtin_mul_overflow(int64_t{height - 1}, *row_stride, &rows) &&
          !__builtin_add_overflow(first, span, &end) && !__builtin_add_overflow(end, rows, &end) &&
          !__builtin_add_overflow(end, int64_t{width}, &end) && end <= buffer_elems;
   if (!fits) {
     ZA_HOST_LOG(ZARVEL_LOG_FAILURE,
-                "[%s] Tensor of shape %dx%dx%dx%d cannot hold an image at element offset %d\n",
-                kHostName, tensor->shape[0], tensor->shape[1], height, width, offset);
+                "[%s] Tensor of shape %dx%dx%dx%d cannot hold an image at element offset %lld\n",
+                kHostName, tensor->shape[0], tensor->shape[1], height, width,
+                static_cast<long long>(offset));
     return kInvalidArgument;
   }
-  *data = raw + int64_t{offset} * elem_size;
+  *data = raw + offset * elem_size;
   return kOk;
 }
 
@@ -63,7 +64,7 @@ int32_t unsupported_format(uint32_t format) {
 
 // Colour types 0 and 1: three planes in the tensor's channel order. Colour type 2: one grey
 // plane from GREY bytes or from the luma of RGB/BGR pixels.
-int32_t ItemWriter::init(zarvel_tensor_t* tensor, int32_t offset, uint32_t color_type,
+int32_t ItemWriter::init(zarvel_tensor_t* tensor, int64_t offset, uint32_t color_type,
                          uint32_t format, const float mean[3], const float std[3],
                          const float pad[3]) {
   if (color_type > kTensorGray) return kUnsupported;

@@ -18,7 +18,7 @@ class ItemWriter {
   // Prepares writing pixels of `format` into the item at element `offset`. Returns 0; -1000
   // for an unsupported colour type, element type or format (the format is logged); -1 when
   // the item does not fit the tensor's buffer (logged).
-  int32_t init(zarvel_tensor_t* tensor, int32_t offset, uint32_t color_type, uint32_t format,
+  int32_t init(zarvel_tensor_t* tensor, int64_t offset, uint32_t color_type, uint32_t format,
                const float mean[3], const float std[3], const float pad[3]);
   int32_t height() const { return height_; }
   int32_t width() const { return width_; }
