@@ -12,6 +12,9 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #endif
+#ifdef ZARVEL_BENCH_OPENCV_DNN
+#include <opencv2/dnn.hpp>
+#endif
 
 namespace {
 
@@ -87,6 +90,27 @@ void opencv_chain(benchmark::State& state, Case c) {
 }
 #endif
 
+#ifdef ZARVEL_BENCH_OPENCV_DNN
+// cv::dnn::blobFromImages: resize, channel swap, mean and one scale for all channels (the
+// middle std) in one call. Stretch only: it has no letterbox.
+void opencv_blob(benchmark::State& state, Case c) {
+  cv::setNumThreads(1);
+  cv::Mat frame(kH, kW, CV_8UC3);
+  cv::randu(frame, 0, 256);
+  const auto rois = regions(c.batch);
+  std::vector<cv::Mat> crops;
+  for (const Area2D& r : rois) crops.push_back(frame(cv::Rect(r.x, r.y, r.width, r.height)));
+  const int shape[4] = {c.batch, 3, c.size, c.size};
+  cv::Mat blob(4, shape, CV_32F);
+  const cv::Scalar mean(kMean[2], kMean[1], kMean[0]);  // subtracted before the swap
+  for (auto _ : state) {
+    cv::dnn::blobFromImages(crops, blob, 1.0 / kStd[1], cv::Size(c.size, c.size), mean, true, false,
+                            CV_32F);
+    benchmark::DoNotOptimize(blob.data);
+  }
+}
+#endif
+
 int register_all() {
   const struct {
     const char* name;
@@ -101,6 +125,12 @@ int register_all() {
 #ifdef ZARVEL_BENCH_OPENCV
     benchmark::RegisterBenchmark(("opencv/" + name).c_str(), opencv_chain, k.c)
         ->Unit(benchmark::kMicrosecond);
+#endif
+#ifdef ZARVEL_BENCH_OPENCV_DNN
+    if (!k.c.keep_aspect) {
+      benchmark::RegisterBenchmark(("opencv_blob/" + name).c_str(), opencv_blob, k.c)
+          ->Unit(benchmark::kMicrosecond);
+    }
 #endif
   }
   return 0;

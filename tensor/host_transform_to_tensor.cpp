@@ -2,9 +2,9 @@
 //
 // Each job's region is cut row by row as the resampler asks for rows (parts outside the frame
 // read 0, as a crop's background), resampled with the same fixed-point arithmetic as the
-// frame resize, and every strip of output rows is handed to the host to-tensor writer
-// through a view of the item's rows. No full-size intermediate frame is made, and the values
-// are those of crop, resize and to-tensor done one after the other.
+// frame resize, and every output row goes straight into the item's planes through the
+// to-tensor item writer while it is still in cache. No intermediate frame is made, and the
+// values are those of crop, resize and to-tensor done one after the other.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -23,7 +23,6 @@ namespace zarvel::aux {
 namespace {
 
 constexpr const char* kHostName = "host_transform_to_tensor";
-constexpr int32_t kStripRows = 16;
 constexpr int32_t kRowSlack = 32;  // readable bytes past a cut row, for whole vector blocks
 
 // Source rows of a region of a host frame; rows and columns outside the frame are 0.
@@ -114,52 +113,40 @@ int32_t run_job(zarvel_tensor_t* tensor, int64_t item, uint32_t color_type, zarv
     source = downloaded.get();
   }
 
-  resample::PlaneResampler resampler;
-  RegionRows region(source, roi, ps, nullptr);
   const int32_t H = tensor->shape[2], C = tensor->shape[1], W = tensor->shape[3];
   if (H <= 0 || W <= 0 || C <= 0) return kInvalidArgument;
+  if (item >= tensor->shape[0]) {
+    ZA_HOST_LOG(ZARVEL_LOG_FAILURE, "[%s] Item %lld lies outside a tensor of batch %d\n", kHostName,
+                static_cast<long long>(item), tensor->shape[0]);
+    return kFailed;
+  }
+  ItemWriter writer;
+  int32_t status =
+      writer.init(tensor, item * tensor->stride[0], color_type, job.format, mean, std, job.pad);
+  if (status != kOk) return status;
+
   // Only the part of the resized region that the item holds is computed.
   const int32_t rows = std::min(size.height, H), cols = std::min(size.width, W);
-  int32_t status = resampler.init(roi.width, roi.height, size.width, size.height, ps,
-                                  region.readable(), cols, rows);
+  resample::PlaneResampler resampler;
+  RegionRows region(source, roi, ps, nullptr);
+  status = resampler.init(roi.width, roi.height, size.width, size.height, ps, region.readable(),
+                          cols, rows);
   if (status != kOk) return status;
-  const size_t out_row = static_cast<size_t>(cols) * ps;
-  const size_t strip_rows = static_cast<size_t>(std::min(kStripRows, std::max(rows, 1)));
+  // One cut source row (with slack for whole vector loads) and one resized row, which the
+  // writer turns into tensor samples while it is still in the first-level cache.
+  const size_t cut_row = static_cast<size_t>(roi.width) * ps + kRowSlack;
   try {
-    scratch.assign(static_cast<size_t>(roi.width) * ps + kRowSlack + strip_rows * out_row, 0);
+    scratch.assign(cut_row + static_cast<size_t>(cols) * ps, 0);
   } catch (const std::bad_alloc&) {
     return kFailed;
   }
-  uint8_t* strip = scratch.data() + static_cast<size_t>(roi.width) * ps + kRowSlack;
+  uint8_t* resized = scratch.data() + cut_row;
   region = RegionRows(source, roi, ps, scratch.data());
-
-  // Writes output rows [y0, y0 + n) into the item; the last strip's view reaches the item's
-  // bottom so that the writer pads the rows below the resized region.
-  auto flush = [&](int32_t y0, int32_t n) -> int32_t {
-    const int32_t start[4] = {static_cast<int32_t>(item), 0, y0, 0};
-    const int32_t last = y0 + n >= rows;
-    const int32_t shape[4] = {1, C, last ? H - y0 : n, W};
-    TensorPtr view(zarvel_tensor_roi(tensor, start, shape));
-    FramePtr piece(zarvel_frame_make(ZARVEL_MEM_HOST, job.format, strip, cols, n, nullptr, nullptr,
-                                     nullptr, nullptr));
-    if (!view || !piece) return kFailed;
-    return host_to_tensor(view.get(), 0, color_type, piece.get(), mean, std, job.pad);
-  };
-
-  int32_t strip_start = 0;
   resampler.run(
-      region, [&](int32_t dy) { return strip + static_cast<size_t>(dy - strip_start) * out_row; },
-      [&](int32_t dy) {
-        if (dy >= rows) return;
-        if (dy + 1 - strip_start == static_cast<int32_t>(strip_rows) || dy + 1 == rows) {
-          // The strip restarts even after a failed flush: the rows still to come must land
-          // inside it.
-          if (status == kOk) status = flush(strip_start, dy + 1 - strip_start);
-          strip_start = dy + 1;
-        }
-      },
+      region, [&](int32_t) { return resized; }, [&](int32_t dy) { writer.row(dy, resized, cols); },
       [&](int32_t ry) { return region.address(ry); });
-  return status;
+  writer.pad_below(rows);
+  return kOk;
 }
 
 }  // namespace

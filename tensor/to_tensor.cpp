@@ -23,222 +23,180 @@ constexpr const char* kExportName = "zarvel_frame_to_tensor";
 constexpr const char* kHostName = "frame_utils_cpu_to_tensor";
 
 // Where one tensor item's planes lie: element `offset` of the tensor, planes `plane_stride`
-// elements apart, rows `row_stride` elements apart, `height` rows of `width` samples.
-template <typename T>
-struct Target {
-  T* data;
-  int64_t plane_stride;
-  int64_t row_stride;
-  int32_t height;
-  int32_t width;
-
-  T* plane(int c) const { return data + c * plane_stride; }
-};
-
-// Finds the item's planes in the tensor and checks that all of them lie inside its buffer;
-// logs and returns -1 when they do not (or the tensor has no data).
-template <typename T>
-int32_t locate(const zarvel_tensor_t* tensor, int32_t offset, int planes, Target<T>* target) {
+// elements apart, rows `row_stride` elements apart, `height` rows of `width` samples. Checks
+// that all of them lie inside the tensor's buffer; logs and returns -1 when they do not (or
+// the tensor has no data).
+int32_t locate(const zarvel_tensor_t* tensor, int64_t offset, int planes, int64_t elem_size,
+               uint8_t** data, int64_t* plane_stride, int64_t* row_stride) {
   const int32_t height = tensor->shape[2];
   const int32_t width = tensor->shape[3];
-  const int64_t plane_stride = tensor->stride[1];
-  const int64_t row_stride = tensor->stride[2];
-  auto* raw = static_cast<T*>(zarvel_tensor_raw_pointer(tensor));
-  const int64_t buffer_elems = zarvel_buffer_size(tensor->buffer) / static_cast<int64_t>(sizeof(T));
+  *plane_stride = tensor->stride[1];
+  *row_stride = tensor->stride[2];
+  auto* raw = static_cast<uint8_t*>(zarvel_tensor_raw_pointer(tensor));
+  const int64_t buffer_elems = zarvel_buffer_size(tensor->buffer) / elem_size;
 
-  bool fits = raw != nullptr && height > 0 && width > 0 && plane_stride >= 0 && row_stride >= 0;
+  bool fits = raw != nullptr && height > 0 && width > 0 && *plane_stride >= 0 && *row_stride >= 0;
   int64_t first = 0, span = 0, rows = 0, end = 0;
-  fits = fits && !__builtin_add_overflow(tensor->offset, int64_t{offset}, &first) && first >= 0 &&
-         !__builtin_mul_overflow(int64_t{planes - 1}, plane_stride, &span) &&
-         !__builtin_mul_overflow(int64_t{height - 1}, row_stride, &rows) &&
+  fits = fits && !__builtin_add_overflow(tensor->offset, offset, &first) && first >= 0 &&
+         !__builtin_mul_overflow(int64_t{planes - 1}, *plane_stride, &span) &&
+         !__builtin_mul_overflow(int64_t{height - 1}, *row_stride, &rows) &&
          !__builtin_add_overflow(first, span, &end) && !__builtin_add_overflow(end, rows, &end) &&
          !__builtin_add_overflow(end, int64_t{width}, &end) && end <= buffer_elems;
   if (!fits) {
     ZA_HOST_LOG(ZARVEL_LOG_FAILURE,
-                "[%s] Tensor of shape %dx%dx%dx%d cannot hold an image at element offset %d\n",
-                kHostName, tensor->shape[0], tensor->shape[1], height, width, offset);
+                "[%s] Tensor of shape %dx%dx%dx%d cannot hold an image at element offset %lld\n",
+                kHostName, tensor->shape[0], tensor->shape[1], height, width,
+                static_cast<long long>(offset));
     return kInvalidArgument;
   }
-  *target = {raw + offset, plane_stride, row_stride, height, width};
+  *data = raw + offset * elem_size;
   return kOk;
 }
 
-template <typename T>
-void fill(T* p, int64_t n, T value) {
-  std::fill(p, p + n, value);
-}
-
-// The samples right of the frame in row y of one plane.
-template <typename T>
-void pad_right(const Target<T>& t, int c, int32_t y, int32_t w, T value) {
-  if (w < t.width) fill(t.plane(c) + y * t.row_stride + w, t.width - w, value);
-}
-
-// Rows h .. height-1 of one plane: one fill for the whole remainder when rows are contiguous.
-template <typename T>
-void pad_bottom(const Target<T>& t, int c, int32_t h, T value) {
-  if (h >= t.height) return;
-  T* plane = t.plane(c);
-  if (t.row_stride == t.width) {
-    fill(plane + h * t.row_stride, (t.height - h) * t.row_stride, value);
-    return;
-  }
-  for (int32_t y = h; y < t.height; ++y) fill(plane + y * t.row_stride, t.width, value);
-}
-
-// The part of the frame that the item covers, from the frame's top-left corner.
-struct Region {
-  int32_t w;
-  int32_t h;
-  bool merged;  // frame rows and tensor rows are both contiguous: one row of w * h pixels
-};
-
-template <typename T>
-Region clip(const zarvel_frame_t* frame, const Target<T>& t, int32_t pixel_size) {
-  Region r;
-  r.w = std::max(0, std::min(t.width, frame->width));
-  r.h = std::max(0, std::min(t.height, frame->height));
-  r.merged = r.w == t.width && t.row_stride == t.width &&
-             int64_t{frame->stride[0]} == int64_t{r.w} * pixel_size;
-  return r;
-}
-
-// Runs row(src, n, y) over the covered rows, as one long row when they are contiguous, and
-// pads each row on the right after it is written.
-template <typename T, typename Row, typename PadRow>
-void for_each_row(const zarvel_frame_t* frame, const Target<T>& t, const Region& r, Row row,
-                  PadRow pad_row) {
-  if (r.merged) {
-    if (r.h > 0) row(frame->plane[0], int64_t{r.w} * r.h, 0);
-    return;
-  }
-  for (int32_t y = 0; y < r.h; ++y) {
-    row(frame->plane[0] + int64_t{y} * frame->stride[0], r.w, y);
-    pad_row(y);
-  }
-}
-
-int32_t unsupported_format(const zarvel_frame_t* frame) {
+int32_t unsupported_format(uint32_t format) {
   ZA_HOST_LOG(ZARVEL_LOG_FAILURE,
               "[%s] Writing a frame in format [%s] into a tensor is not supported!\n", kHostName,
-              zarvel_frame_pixfmt_to_string(frame->format));
+              zarvel_frame_pixfmt_to_string(format));
   return kUnsupported;
 }
 
-// Colour types 0 and 1: three planes in the tensor's channel order.
-int32_t write_color(zarvel_tensor_t* tensor, int32_t offset, uint32_t color_type,
-                    const zarvel_frame_t* frame, float mean[3], float std[3], float pad[3]) {
-  if (color_type == kTensorBgr) {
-    std::swap(mean[0], mean[2]);
-    std::swap(std[0], std[2]);
-    std::swap(pad[0], pad[2]);
-  }
+}  // namespace
+
+// Colour types 0 and 1: three planes in the tensor's channel order. Colour type 2: one grey
+// plane from GREY bytes or from the luma of RGB/BGR pixels.
+int32_t ItemWriter::init(zarvel_tensor_t* tensor, int64_t offset, uint32_t color_type,
+                         uint32_t format, const float mean[3], const float std[3],
+                         const float pad[3]) {
+  if (color_type > kTensorGray) return kUnsupported;
   const uint32_t elem = tensor->elem_type;
   if (elem != ZARVEL_ELEM_U8 && elem != ZARVEL_ELEM_F32) return kUnsupported;
-  const uint32_t format = frame->format;
-  if (format != ZARVEL_PIXFMT_RGB24 && format != ZARVEL_PIXFMT_BGR24) {
-    return unsupported_format(frame);
-  }
+  f32_ = elem == ZARVEL_ELEM_F32;
+  kernels_ = to_tensor::select_block_kernels();
 
-  // Plane 0 takes byte s0 of each pixel, plane 1 byte 1, plane 2 byte s2: the frame's red and
-  // blue bytes swap unless its byte order already is the tensor's channel order.
-  const bool same_order = (color_type == kTensorRgb && format == ZARVEL_PIXFMT_RGB24) ||
-                          (color_type == kTensorBgr && format == ZARVEL_PIXFMT_BGR24);
-  const int s0 = same_order ? 0 : 2;
-  const int plane_of_byte[3] = {s0 == 0 ? 0 : 2, 1, s0 == 0 ? 2 : 0};
-  float byte_mean[3], byte_recip[3];
-  for (int k = 0; k < 3; ++k) {
-    byte_mean[k] = mean[plane_of_byte[k]];
-    byte_recip[k] = 1.0f / std[plane_of_byte[k]];
+  if (color_type == kTensorGray) {
+    if (format != ZARVEL_PIXFMT_GREY && format != ZARVEL_PIXFMT_RGB24 &&
+        format != ZARVEL_PIXFMT_BGR24) {
+      return unsupported_format(format);
+    }
+    kind_ = format == ZARVEL_PIXFMT_GREY ? Kind::kGrey : Kind::kLuma;
+    planes_ = 1;
+    pixel_size_ = kind_ == Kind::kGrey ? 1 : 3;
+    r_byte_ = format == ZARVEL_PIXFMT_RGB24 ? 0 : 2;
+    mean_ = mean[1];
+    std_ = std[1];
+    pad_f32_[0] = pad[1];
+    pad_u8_[0] = to_tensor::low_byte_of_trunc(pad[1]);
+  } else {
+    if (format != ZARVEL_PIXFMT_RGB24 && format != ZARVEL_PIXFMT_BGR24) {
+      return unsupported_format(format);
+    }
+    // The caller's triples are in R, G, B order; a BGR tensor's plane 0 takes the third.
+    float m[3] = {mean[0], mean[1], mean[2]};
+    float s[3] = {std[0], std[1], std[2]};
+    float p[3] = {pad[0], pad[1], pad[2]};
+    if (color_type == kTensorBgr) {
+      std::swap(m[0], m[2]);
+      std::swap(s[0], s[2]);
+      std::swap(p[0], p[2]);
+    }
+    kind_ = Kind::kColor;
+    planes_ = 3;
+    pixel_size_ = 3;
+    // Plane 0 takes byte s0 of each pixel, plane 1 byte 1, plane 2 byte s2: the frame's red
+    // and blue bytes swap unless its byte order already is the tensor's channel order.
+    const bool same_order = (color_type == kTensorRgb && format == ZARVEL_PIXFMT_RGB24) ||
+                            (color_type == kTensorBgr && format == ZARVEL_PIXFMT_BGR24);
+    for (int k = 0; k < 3; ++k) {
+      plane_of_byte_[k] = same_order || k == 1 ? k : 2 - k;
+      byte_mean_[k] = m[plane_of_byte_[k]];
+      byte_recip_[k] = 1.0f / s[plane_of_byte_[k]];
+      pad_f32_[k] = p[k];
+      pad_u8_[k] = to_tensor::low_byte_of_trunc(p[k]);
+    }
+    // The 8-bit tensor always receives the source bytes (see packed_u8_row_c).
+    identity_ = m[0] == 0.0f && m[1] == 0.0f && m[2] == 0.0f && s[0] == 1.0f && s[1] == 1.0f &&
+                s[2] == 1.0f;
   }
-  const to_tensor::BlockKernels kernels = to_tensor::select_block_kernels();
-
-  auto run = [&](auto zero, auto pad_value, auto row_kernel) -> int32_t {
-    using T = decltype(zero);
-    Target<T> t;
-    const int32_t status = locate(tensor, offset, 3, &t);
-    if (status != kOk) return status;
-    const T pads[3] = {pad_value(pad[0]), pad_value(pad[1]), pad_value(pad[2])};
-    const Region r = clip(frame, t, 3);
-    for_each_row(
-        frame, t, r,
-        [&](const uint8_t* src, int64_t n, int32_t y) {
-          T* const dst[3] = {t.plane(plane_of_byte[0]) + y * t.row_stride,
-                             t.plane(plane_of_byte[1]) + y * t.row_stride,
-                             t.plane(plane_of_byte[2]) + y * t.row_stride};
-          row_kernel(src, n, dst);
-        },
-        [&](int32_t y) {
-          for (int c = 0; c < 3; ++c) pad_right(t, c, y, r.w, pads[c]);
-        });
-    for (int c = 0; c < 3; ++c) pad_bottom(t, c, r.h, pads[c]);
-    return kOk;
-  };
-
-  if (elem == ZARVEL_ELEM_F32) {
-    return run(
-        0.0f, [](float p) { return p; },
-        [&](const uint8_t* src, int64_t n, float* const dst[3]) {
-          to_tensor::packed_f32_row(kernels, src, n, dst, byte_mean, byte_recip);
-        });
-  }
-  // The 8-bit tensor always receives the source bytes (see packed_u8_row_c).
-  const bool identity = mean[0] == 0.0f && mean[1] == 0.0f && mean[2] == 0.0f && std[0] == 1.0f &&
-                        std[1] == 1.0f && std[2] == 1.0f;
-  return run(uint8_t{0}, to_tensor::low_byte_of_trunc,
-             [&](const uint8_t* src, int64_t n, uint8_t* const dst[3]) {
-               to_tensor::packed_u8_row(kernels, src, n, dst, identity, byte_mean, byte_recip);
-             });
+  height_ = tensor->shape[2];
+  width_ = tensor->shape[3];
+  return locate(tensor, offset, planes_, f32_ ? 4 : 1, &data_, &plane_stride_, &row_stride_);
 }
 
-// Colour type 2: one grey plane from GREY bytes or from the luma of RGB/BGR pixels.
-int32_t write_grey(zarvel_tensor_t* tensor, int32_t offset, const zarvel_frame_t* frame, float mean,
-                   float std, float pad) {
-  const uint32_t elem = tensor->elem_type;
-  if (elem != ZARVEL_ELEM_U8 && elem != ZARVEL_ELEM_F32) return kUnsupported;
-  const uint32_t format = frame->format;
-  if (format != ZARVEL_PIXFMT_GREY && format != ZARVEL_PIXFMT_RGB24 &&
-      format != ZARVEL_PIXFMT_BGR24) {
-    return unsupported_format(frame);
+void ItemWriter::samples(const uint8_t* src, int64_t n, int64_t at) {
+  if (kind_ == Kind::kColor) {
+    if (f32_) {
+      float* const dst[3] = {plane<float>(plane_of_byte_[0]) + at,
+                             plane<float>(plane_of_byte_[1]) + at,
+                             plane<float>(plane_of_byte_[2]) + at};
+      to_tensor::packed_f32_row(kernels_, src, n, dst, byte_mean_, byte_recip_);
+    } else {
+      uint8_t* const dst[3] = {plane<uint8_t>(plane_of_byte_[0]) + at,
+                               plane<uint8_t>(plane_of_byte_[1]) + at,
+                               plane<uint8_t>(plane_of_byte_[2]) + at};
+      to_tensor::packed_u8_row(kernels_, src, n, dst, identity_, byte_mean_, byte_recip_);
+    }
+    return;
   }
-  const bool grey = format == ZARVEL_PIXFMT_GREY;
-  const int r_byte = format == ZARVEL_PIXFMT_RGB24 ? 0 : 2;
-  const to_tensor::BlockKernels kernels = to_tensor::select_block_kernels();
-
-  auto run = [&](auto pad_value, auto row_kernel) -> int32_t {
-    using T = decltype(pad_value);
-    Target<T> t;
-    const int32_t status = locate(tensor, offset, 1, &t);
-    if (status != kOk) return status;
-    const Region r = clip(frame, t, grey ? 1 : 3);
-    for_each_row(
-        frame, t, r,
-        [&](const uint8_t* src, int64_t n, int32_t y) {
-          row_kernel(src, n, t.data + y * t.row_stride);
-        },
-        [&](int32_t y) { pad_right(t, 0, y, r.w, pad_value); });
-    pad_bottom(t, 0, r.h, pad_value);
-    return kOk;
-  };
-
-  if (elem == ZARVEL_ELEM_F32) {
-    return run(pad, [&](const uint8_t* src, int64_t n, float* dst) {
-      if (grey) {
-        to_tensor::grey_f32_row(kernels, src, n, dst, mean, std);
-      } else {
-        to_tensor::luma_f32_row(kernels, src, n, r_byte, dst, mean, std);
-      }
-    });
+  if (f32_) {
+    float* dst = plane<float>(0) + at;
+    if (kind_ == Kind::kGrey) {
+      to_tensor::grey_f32_row(kernels_, src, n, dst, mean_, std_);
+    } else {
+      to_tensor::luma_f32_row(kernels_, src, n, r_byte_, dst, mean_, std_);
+    }
+    return;
   }
   // 8-bit grey samples are the values themselves; mean and std do not apply.
-  return run(to_tensor::low_byte_of_trunc(pad), [&](const uint8_t* src, int64_t n, uint8_t* dst) {
-    if (grey) {
-      std::memcpy(dst, src, static_cast<size_t>(n));
-    } else {
-      to_tensor::luma_u8_row(kernels, src, n, r_byte, dst);
-    }
-  });
+  uint8_t* dst = plane<uint8_t>(0) + at;
+  if (kind_ == Kind::kGrey) {
+    std::memcpy(dst, src, static_cast<size_t>(n));
+  } else {
+    to_tensor::luma_u8_row(kernels_, src, n, r_byte_, dst);
+  }
 }
+
+void ItemWriter::pad_run(int64_t at, int64_t n) {
+  for (int c = 0; c < planes_; ++c) {
+    if (f32_) {
+      float* p = plane<float>(c) + at;
+      std::fill(p, p + n, pad_f32_[c]);
+    } else {
+      uint8_t* p = plane<uint8_t>(c) + at;
+      std::fill(p, p + n, pad_u8_[c]);
+    }
+  }
+}
+
+void ItemWriter::row(int32_t y, const uint8_t* src, int32_t w) {
+  w = std::clamp(w, 0, width_);
+  samples(src, w, y * row_stride_);
+  if (w < width_) pad_run(y * row_stride_ + w, width_ - w);
+}
+
+void ItemWriter::pad_below(int32_t h) {
+  h = std::max(h, 0);
+  if (h >= height_) return;
+  // One fill for the whole remainder when rows are contiguous.
+  if (row_stride_ == width_) {
+    pad_run(h * row_stride_, (height_ - h) * row_stride_);
+    return;
+  }
+  for (int32_t y = h; y < height_; ++y) pad_run(y * row_stride_, width_);
+}
+
+void ItemWriter::frame(const uint8_t* pixels, int64_t stride, int32_t w, int32_t h) {
+  w = std::clamp(w, 0, width_);
+  h = std::clamp(h, 0, height_);
+  // Frame rows and tensor rows both contiguous: one row of w * h pixels.
+  if (w == width_ && row_stride_ == width_ && stride == int64_t{w} * pixel_size_) {
+    if (h > 0) samples(pixels, int64_t{w} * h, 0);
+  } else {
+    for (int32_t y = 0; y < h; ++y) row(y, pixels + y * stride, w);
+  }
+  pad_below(h);
+}
+
+namespace {
 
 int32_t frame_to_tensor(zarvel_tensor_t* tensor, int32_t offset, uint32_t color_type,
                         zarvel_frame_t* frame, const float* mean, const float* std,
@@ -282,13 +240,12 @@ int32_t host_to_tensor(zarvel_tensor_t* tensor, int32_t offset, uint32_t color_t
       if (!host) return kFailed;
       source = SharedFrame(std::move(host));
     }
-    float m[3] = {mean[0], mean[1], mean[2]};
-    float s[3] = {std[0], std[1], std[2]};
-    float p[3] = {pad[0], pad[1], pad[2]};
-    if (color_type == kTensorGray)
-      return write_grey(tensor, offset, source.get(), m[1], s[1], p[1]);
-    if (color_type > kTensorGray) return kUnsupported;
-    return write_color(tensor, offset, color_type, source.get(), m, s, p);
+    const zarvel_frame_t* f = source.get();
+    ItemWriter writer;
+    const int32_t status = writer.init(tensor, offset, color_type, f->format, mean, std, pad);
+    if (status != kOk) return status;
+    writer.frame(f->plane[0], f->stride[0], f->width, f->height);
+    return kOk;
   } catch (const std::bad_alloc&) {
     return kFailed;
   }

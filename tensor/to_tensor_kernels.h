@@ -22,6 +22,8 @@ inline constexpr double kLumaB = 0.114;
 
 // Pixels per block of the AVX2 kernels: 16 packed pixels are three 16-byte loads.
 inline constexpr int64_t kBlockPixels = 16;
+// The float colour kernel works on 8 pixels (24 bytes) at a time.
+inline constexpr int64_t kFloatBlockPixels = 8;
 
 // The low 8 bits of a float truncated toward zero to a 32-bit integer, without saturation
 // (300.0 -> 44, -1.0 -> 255). NaN and values outside the 32-bit range give 0, the low byte of

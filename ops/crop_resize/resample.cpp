@@ -3,7 +3,6 @@
 #include "ops/crop_resize/resample.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -15,6 +14,18 @@
 
 namespace zarvel::aux::resample {
 
+namespace {
+
+// nearbyint for 0 <= x <= 2048 without a library call: adding and removing 2^52 leaves no
+// fraction bits, so the sum is rounded in the current rounding mode (nearest, ties to even),
+// exactly as nearbyint rounds.
+inline int32_t round_weight(double x) {
+  constexpr double kShift = 4503599627370496.0;  // 2^52
+  return static_cast<int32_t>((x + kShift) - kShift);
+}
+
+}  // namespace
+
 void compute_axis_taps(int32_t src_size, int32_t dst_size, AxisTap* taps, int32_t count) {
   // The ratio in single precision, its reciprocal in double rounded to single.
   const float ratio = static_cast<float>(dst_size) / static_cast<float>(src_size);
@@ -22,7 +33,9 @@ void compute_axis_taps(int32_t src_size, int32_t dst_size, AxisTap* taps, int32_
   if (count < 0 || count > dst_size) count = dst_size;
   for (int32_t d = 0; d < count; ++d) {
     const double f = (d + 0.5) * factor - 0.5;
-    int64_t s = static_cast<int64_t>(std::floor(f));
+    // floor(f) without a library call: truncation, one down for negative fractions.
+    int64_t s = static_cast<int64_t>(f);
+    if (static_cast<double>(s) > f) --s;
     double frac = f - static_cast<double>(s);
     if (s < 0) {
       s = 0;
@@ -32,8 +45,8 @@ void compute_axis_taps(int32_t src_size, int32_t dst_size, AxisTap* taps, int32_
       s = src_size - 1;
       frac = 0.0;
     }
-    int32_t w1 = static_cast<int32_t>(std::nearbyint(frac * kWeightScale));
-    int32_t w0 = static_cast<int32_t>(std::nearbyint((1.0 - frac) * kWeightScale));
+    int32_t w1 = round_weight(frac * kWeightScale);
+    int32_t w0 = round_weight((1.0 - frac) * kWeightScale);
     if (s == src_size - 1 && src_size >= 2) {
       // Same value, but both taps inside the plane: the last pixel as the second tap.
       s = src_size - 2;
