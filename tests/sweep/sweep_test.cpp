@@ -93,7 +93,7 @@ void expect_refused(const char* what, zarvel_frame_t* src, zarvel_frame_t* given
     EXPECT_EQ(kept, given);
     EXPECT_EQ(bytes_of(given), given_before);
   }
-  if (src != nullptr) EXPECT_EQ(bytes_of(src), src_before);
+  EXPECT_EQ(src ? bytes_of(src) : std::vector<uint8_t>{}, src_before);
 }
 
 // The single-frame operations with valid parameters, by name.
@@ -222,8 +222,9 @@ TEST_F(Sweep, CropsOutsideTheFrameAndNonFiniteWarpsAreSafe) {
          {Area2D{-100, -100, 4, 4}, Area2D{100, 100, 4, 4}, Area2D{-2, -2, 20, 12},
           Area2D{kMax - 3, kMax - 3, 2, 2}, Area2D{kMin, kMin, 2, 2}, Area2D{14, 6, 4, 4}}) {
       zarvel_frame_t* crop = nullptr;
-      if (zarvel_frame_crop(src.f, &crop, a) == 0)
-        EXPECT_TRUE(crop->width == a.width && crop->height == a.height) << a.x;
+      EXPECT_TRUE(zarvel_frame_crop(src.f, &crop, a) != 0 ||
+                  (crop->width == a.width && crop->height == a.height))
+          << a.x;
       zarvel_frame_free(&crop);
     }
     for (float v : {kNaN, kInf, -kInf, 1e30f, -1e30f, 3e9f, 0.0f}) {
@@ -423,7 +424,7 @@ TEST_F(Sweep, BatchTransformRefusesBadArguments) {
                            Area2D{kMin, kMin, 8, 8}}) {
     const Area2D r[2] = {rois[0], bad};
     Args a{tensor.t, 0, 2, frames, r, 1, mean, std1, &scratch};
-    if (call(a) == 0) EXPECT_GT(bad.width, 0);
+    EXPECT_TRUE(call(a) != 0 || bad.width > 0);
   }
   zarvel_buffer_free(&scratch);
 }
@@ -434,8 +435,8 @@ TEST_F(Sweep, FrameLibraryGuardsSizeProducts) {
     for (const Size2D size : kBadSizes) {
       EXPECT_EQ(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, size.width, size.height, nullptr, 0),
                 nullptr);
-      if (size.width <= 0 || size.height <= 0)
-        EXPECT_EQ(zarvel_frame_inferred_size(format, size.width, size.height, nullptr), -1);
+      EXPECT_TRUE((size.width > 0 && size.height > 0) ||
+                  zarvel_frame_inferred_size(format, size.width, size.height, nullptr) == -1);
     }
     // Strides: negative, short of a row, and huge enough that stride x rows wraps in 32 bits.
     for (int32_t stride : {-1, 1, kMin, kMax}) {
