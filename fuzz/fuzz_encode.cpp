@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   zarvel_buffer_t* buffer =
       buffer_kind == 255 ? nullptr
                          : zarvel_buffer_alloc(in.range(0, 64), (buffer_kind & 7) == 0 ? 1u : 0u);
-  zarvel_frame_t* frame = in.u8() == 255 ? nullptr : zarvel::fuzz::make_frame(in);
+  zarvel_frame_t* frame = zarvel::fuzz::maybe_frame(in);
 
   const int32_t status = zarvel_frame_encode(frame, format, buffer);
 

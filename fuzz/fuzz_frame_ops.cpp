@@ -20,7 +20,7 @@ zarvel_frame_t* make_output(Input& in, const zarvel_frame_t* src) {
 int32_t run_op(Input& in, uint8_t op, zarvel_frame_t* src, zarvel_frame_t** dst) {
   switch (op % 8) {
     case 0: {
-      const Area2D area{in.coord(-70, 70), in.coord(-70, 70), in.coord(-2, 70), in.coord(-2, 70)};
+      const Area2D area = zarvel::fuzz::area(in);
       if (!zarvel::fuzz::bounded_size(area.width, area.height)) return 0;
       return zarvel_frame_crop(src, dst, area);
     }
@@ -45,7 +45,7 @@ int32_t run_op(Input& in, uint8_t op, zarvel_frame_t* src, zarvel_frame_t** dst)
     }
     default: {
       float matrix[9];
-      for (float& m : matrix) m = in.real(-3.0f, 3.0f);
+      zarvel::fuzz::fill(in, matrix, 9, -3.0f, 3.0f);
       const float* arg = in.u8() == 255 ? nullptr : matrix;
       return op % 8 == 6 ? zarvel_frame_warpaffine(src, *dst, arg)
                          : zarvel_frame_warpperspective(src, *dst, arg);

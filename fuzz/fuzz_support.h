@@ -1,5 +1,5 @@
 // Shared pieces of the fuzz targets: a reader that turns the fuzzer's bytes into bounded
-// arguments, and frames and tensors built from them through the frame library.
+// arguments, and frames, regions and tensors built from them through the frame library.
 #pragma once
 
 #include <zarvel/aux.h>
@@ -8,9 +8,12 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <vector>
+
+#include "frame_test_support.h"
 
 namespace zarvel::fuzz {
+
+using test::visible_bytes;
 
 // Consumes the input front to back; past its end every read gives zeros.
 class Input {
@@ -23,7 +26,6 @@ class Input {
     for (int i = 0; i < 4; ++i) v |= uint32_t{u8()} << (8 * i);
     return v;
   }
-  bool flag() { return (u8() & 1) != 0; }
   // An integer in [lo, hi].
   int32_t range(int32_t lo, int32_t hi) {
     const uint32_t span = static_cast<uint32_t>(hi - lo) + 1;
@@ -40,16 +42,10 @@ class Input {
   }
   // Any float, with the special values and large magnitudes over-represented.
   float real(float lo, float hi) {
-    static constexpr float kSpecial[] = {std::numeric_limits<float>::quiet_NaN(),
-                                         std::numeric_limits<float>::infinity(),
-                                         -std::numeric_limits<float>::infinity(),
-                                         0.0f,
-                                         -0.0f,
-                                         1e30f,
-                                         -1e30f,
-                                         3e9f,
-                                         std::numeric_limits<float>::denorm_min(),
-                                         std::numeric_limits<float>::max()};
+    using lim = std::numeric_limits<float>;
+    static constexpr float kSpecial[] = {
+        lim::quiet_NaN(),  lim::infinity(), -lim::infinity(), 0.0f, -0.0f, 1e30f, -1e30f, 3e9f,
+        lim::denorm_min(), lim::max()};
     const uint8_t pick = u8();
     if (pick >= 236) return kSpecial[pick % 10];
     if (pick >= 224) {
@@ -60,7 +56,6 @@ class Input {
     }
     return lo + (hi - lo) * static_cast<float>(u32() % 65536) / 65535.0f;
   }
-  size_t remaining() const { return size_ - pos_; }
 
  private:
   const uint8_t* data_;
@@ -77,36 +72,6 @@ inline uint32_t pick_format(Input& in) { return kFormats[in.u8() % 8]; }
 // Largest frame side the targets make, to keep every run fast.
 inline constexpr int32_t kMaxSide = 64;
 
-// Visible bytes per row and rows of plane i (0 rows past the format's planes).
-inline void plane_rows(uint32_t format, int i, int32_t w, int32_t h, int64_t* bytes,
-                       int64_t* rows) {
-  const bool nv = format == ZARVEL_PIXFMT_NV12 || format == ZARVEL_PIXFMT_NV21;
-  const bool yu = format == ZARVEL_PIXFMT_YU12;
-  *bytes = 0;
-  *rows = 0;
-  if (i == 0) {
-    *bytes = int64_t{w} * zarvel_frame_pixel_size(format);
-    *rows = h;
-  } else if ((nv && i == 1) || (yu && i <= 2)) {
-    *bytes = nv ? w : w / 2;
-    *rows = h / 2;
-  }
-}
-
-// Visible bytes of a host frame, plane by plane.
-inline std::vector<uint8_t> visible_bytes(const zarvel_frame_t* f) {
-  std::vector<uint8_t> out;
-  for (int i = 0; i < 4; ++i) {
-    int64_t bytes, rows;
-    plane_rows(f->format, i, f->width, f->height, &bytes, &rows);
-    for (int64_t y = 0; y < rows; ++y) {
-      const uint8_t* row = f->plane[i] + y * f->stride[i];
-      out.insert(out.end(), row, row + bytes);
-    }
-  }
-  return out;
-}
-
 // A frame of fuzzed format, size, strides, memory type, possibly a region view of a larger
 // frame, with fuzzed pixels; null when the library refuses the geometry (also fuzzed).
 inline zarvel_frame_t* make_frame(Input& in, uint32_t format) {
@@ -116,10 +81,9 @@ inline zarvel_frame_t* make_frame(Input& in, uint32_t format) {
   const int32_t dx = view ? in.range(0, 8) : 0;
   const int32_t dy = view ? in.range(0, 8) : 0;
   int32_t strides[4] = {0, 0, 0, 0};
-  if (in.flag()) {
+  if ((in.u8() & 1) != 0) {
     for (int i = 0; i < 4; ++i) {
-      int64_t bytes, rows;
-      plane_rows(format, i, w + dx, h + dy, &bytes, &rows);
+      const int64_t bytes = test::plane_rows(format, i, w + dx, h + dy).first;
       const uint8_t pad = in.u8();
       // Mostly a row plus padding, sometimes one byte short of a row.
       strides[i] = static_cast<int32_t>(pad == 255 ? bytes - 1 : bytes + pad % 19);
@@ -127,14 +91,9 @@ inline zarvel_frame_t* make_frame(Input& in, uint32_t format) {
   }
   zarvel_frame_t* frame = zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w + dx, h + dy, strides, 0);
   if (frame == nullptr) return nullptr;
-  for (int i = 0; i < 4; ++i) {
-    int64_t bytes, rows;
-    plane_rows(format, i, frame->width, frame->height, &bytes, &rows);
-    for (int64_t y = 0; y < rows; ++y) {
-      uint8_t* row = frame->plane[i] + y * frame->stride[i];
-      for (int64_t x = 0; x < bytes; ++x) row[x] = static_cast<uint8_t>(in.u8() ^ (x * 29 + y));
-    }
-  }
+  test::for_each_row(frame, [&in](uint8_t* row, int64_t bytes, int, int64_t y) {
+    for (int64_t x = 0; x < bytes; ++x) row[x] = static_cast<uint8_t>(in.u8() ^ (x * 29 + y));
+  });
   frame->meta_word0 = in.u8();
   if (view) {
     zarvel_frame_t* roi = zarvel_frame_roi(frame, Area2D{dx, dy, w, h});
@@ -152,6 +111,16 @@ inline zarvel_frame_t* make_frame(Input& in, uint32_t format) {
 }
 
 inline zarvel_frame_t* make_frame(Input& in) { return make_frame(in, pick_format(in)); }
+// Null (when the next byte is 255) or a frame as above.
+inline zarvel_frame_t* maybe_frame(Input& in) { return in.u8() == 255 ? nullptr : make_frame(in); }
+
+// A region: corners around a 64-pixel frame, sizes from -2, sometimes at the edges of int32.
+inline Area2D area(Input& in) {
+  return Area2D{in.coord(-70, 70), in.coord(-70, 70), in.coord(-2, 70), in.coord(-2, 70)};
+}
+inline void fill(Input& in, float* values, size_t n, float lo, float hi) {
+  for (size_t i = 0; i < n; ++i) values[i] = in.real(lo, hi);
+}
 
 // A host or device tensor of fuzzed element type and shape (each side up to 64, at most four
 // items of four channels), sometimes a strided view of a larger one; null when refused.

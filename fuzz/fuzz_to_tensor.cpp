@@ -6,6 +6,7 @@
 
 namespace {
 
+using zarvel::fuzz::fill;
 using zarvel::fuzz::Input;
 
 struct Frames {
@@ -14,10 +15,6 @@ struct Frames {
     for (zarvel_frame_t*& f : list) zarvel_frame_free(&f);
   }
 };
-
-void fill(Input& in, float* values, size_t n, float lo, float hi) {
-  for (size_t i = 0; i < n; ++i) values[i] = in.real(lo, hi);
-}
 
 // Null, a null-holding slot, or a slot holding a host or device buffer of fuzzed size.
 struct ScratchSlot {
@@ -56,14 +53,14 @@ int32_t transform_to_tensor(Input& in, zarvel_tensor_t* tensor, bool batch) {
   const uint64_t count = in.range(0, 4);
   Frames frames;
   for (uint64_t i = 0; i < count; ++i) {
-    frames.list.push_back(in.u8() == 255 ? nullptr : zarvel::fuzz::make_frame(in));
+    frames.list.push_back(zarvel::fuzz::maybe_frame(in));
   }
   std::vector<Area2D> rois(count);
   std::vector<Size2D> sizes(count);
   std::vector<float> matrices(9 * count + 1);
   std::vector<float> pads(3 * count + 1);
   for (uint64_t i = 0; i < count; ++i) {
-    rois[i] = Area2D{in.coord(-70, 70), in.coord(-70, 70), in.coord(-2, 70), in.coord(-2, 70)};
+    rois[i] = zarvel::fuzz::area(in);
     sizes[i] = Size2D{in.coord(-2, 70), in.coord(-2, 70)};
     if (!zarvel::fuzz::bounded_size(rois[i].width, rois[i].height))
       rois[i].width = rois[i].height = 1 << 24;

@@ -1,8 +1,11 @@
-// Frames: formats and layouts, reference counting, views, copies across memory types.
+// Frames: formats and layouts, reference counting, views, copies across memory types, and
+// device memory out of the host's reach.
 #include <gtest/gtest.h>
 #include <zarvel/frame.h>
 
+#include <algorithm>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "frame_test_support.h"
@@ -68,7 +71,7 @@ TEST(PixelFormat, SizesNamesAndInferredLayouts) {
     EXPECT_EQ(std::vector<int32_t>(f->stride, f->stride + 4),
               std::vector<int32_t>(c.out, c.out + 4));
     EXPECT_EQ(zarvel_buffer_size(f->buffer), c.size);
-    if (c.in[0] == 0 && c.in[1] == 0) EXPECT_TRUE(zarvel_frame_is_contiguous(f));
+    EXPECT_TRUE(c.in[0] != 0 || c.in[1] != 0 || zarvel_frame_is_contiguous(f));
     zarvel_frame_free(&f);
     EXPECT_EQ(f, nullptr);
   }
@@ -128,21 +131,16 @@ TEST(FrameRefs, ReleaseRunsOnceAfterTheLastHolder) {
   zarvel_frame_t* view = zarvel_frame_roi(f, Area2D{1, 1, 2, 2});
   zarvel_frame_t* dup = zarvel_frame_duplicate(f);
   ASSERT_TRUE(ref && view && dup);
-  EXPECT_NE(ref, f);
-  EXPECT_EQ(view->meta_word0, 5u);
-  EXPECT_EQ(dup->meta_word0, 5u);
-  EXPECT_EQ(dup->extra, f->extra);
-  EXPECT_NE(dup->plane[0], f->plane[0]);
+  EXPECT_TRUE(ref != f && view->meta_word0 == 5u && dup->meta_word0 == 5u);
+  EXPECT_TRUE(dup->extra == f->extra && dup->plane[0] != f->plane[0]);
 
   zarvel_frame_free(&f);
   zarvel_frame_free(&ref);
   EXPECT_EQ(pixels.calls, 0);
   zarvel_frame_free(&view);
-  EXPECT_EQ(pixels.calls, 1);
-  EXPECT_EQ(attachment.calls, 0);
+  EXPECT_TRUE(pixels.calls == 1 && attachment.calls == 0);
   zarvel_frame_free(&dup);
-  EXPECT_EQ(attachment.calls, 1);
-  EXPECT_EQ(pixels.calls, 1);
+  EXPECT_TRUE(pixels.calls == 1 && attachment.calls == 1);
 }
 
 TEST(FrameRoi, ViewsSharePixelsAtTheRightOffsets) {
@@ -150,8 +148,7 @@ TEST(FrameRoi, ViewsSharePixelsAtTheRightOffsets) {
   zarvel_frame_t* nv12 = zarvel_frame_alloc(0, ZARVEL_PIXFMT_NV12, 8, 4, nullptr, 0);
   zarvel_frame_t* v = zarvel_frame_roi(nv12, Area2D{2, 2, 4, 2});
   ASSERT_NE(v, nullptr);
-  EXPECT_EQ(v->width, 4);
-  EXPECT_EQ(v->height, 2);
+  EXPECT_TRUE(v->width == 4 && v->height == 2);
   v->plane[0][1] = 11;
   v->plane[1][1] = 22;
   EXPECT_EQ(nv12->plane[0][2 * 8 + 3], 11);
@@ -205,12 +202,10 @@ TEST(FrameCopy, RoundTripsAcrossMemoryTypesAndViews) {
 
     zarvel_frame_t *tight = nullptr, *dev = nullptr, *back = nullptr;
     ASSERT_EQ(zarvel_frame_copy(src, &tight), ZARVEL_OK);
-    EXPECT_TRUE(zarvel_frame_is_contiguous(tight));
-    EXPECT_EQ(tight->meta_word0, 3u);
-    EXPECT_EQ(tight->meta_word1, 9u);
+    EXPECT_TRUE(zarvel_frame_is_contiguous(tight) && tight->meta_word0 == 3 &&
+                tight->meta_word1 == 9);
     ASSERT_EQ(zarvel_frame_upload(tight, &dev), ZARVEL_OK);
-    EXPECT_EQ(zarvel_frame_mem_type(dev), ZARVEL_MEM_DEVICE);
-    EXPECT_EQ(dev->meta_word1, 9u);
+    EXPECT_TRUE(zarvel_frame_mem_type(dev) == ZARVEL_MEM_DEVICE && dev->meta_word1 == 9);
 
     // Into views of larger frames, device and host, each around-view byte staying 0xEE.
     for (uint32_t mem : {ZARVEL_MEM_DEVICE, ZARVEL_MEM_HOST}) {
@@ -251,10 +246,9 @@ TEST(FrameCopy, RejectsMismatchedDestinationsAndResetsVisibleBytesOnly) {
     EXPECT_EQ(given, dst);
     zarvel_frame_free(&given);
   }
-  EXPECT_EQ(zarvel_frame_copy(src, nullptr), ZARVEL_EINVAL);
   zarvel_frame_t* out = nullptr;
-  EXPECT_EQ(zarvel_frame_copy(nullptr, &out), ZARVEL_EINVAL);
-  EXPECT_EQ(out, nullptr);
+  EXPECT_TRUE(zarvel_frame_copy(src, nullptr) == ZARVEL_EINVAL &&
+              zarvel_frame_copy(nullptr, &out) == ZARVEL_EINVAL && out == nullptr);
   zarvel_frame_free(&src);
 
   const int32_t padded[4] = {8, 0, 0, 0};
@@ -266,6 +260,53 @@ TEST(FrameCopy, RejectsMismatchedDestinationsAndResetsVisibleBytesOnly) {
                                          0xA2, 0xA2, 0xA2, 0xA2, 0xA2, 0xA2, 0x55, 0x55};
   EXPECT_EQ(memory, expected);
   zarvel_frame_free(&f);
+}
+
+// Device memory is out of the host's reach except through the library's transfers.
+void write_byte(void* address) { *static_cast<volatile uint8_t*>(address) = 1; }
+uint8_t read_byte(const void* address) { return *static_cast<const volatile uint8_t*>(address); }
+
+TEST(DeviceMemoryDeathTest, HostAccessToDevicePointersFaults) {
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  zarvel_frame_t* f = zarvel_frame_alloc(ZARVEL_MEM_DEVICE, ZARVEL_PIXFMT_NV12, 8, 8, nullptr, 0);
+  zarvel_frame_t* view = zarvel_frame_roi(f, Area2D{2, 2, 4, 4});
+  zarvel_tensor_t* t = zarvel_tensor_alloc(ZARVEL_MEM_DEVICE, ZARVEL_ELEM_F32, 1, 1, 2, 2);
+  ASSERT_TRUE(f && view && t);
+  EXPECT_DEATH(write_byte(f->plane[0]), "");
+  EXPECT_DEATH(read_byte(view->plane[1]), "");
+  EXPECT_DEATH(read_byte(zarvel_tensor_raw_pointer(t)), "");
+  zarvel_tensor_free(&t);
+  zarvel_frame_free(&view);
+  zarvel_frame_free(&f);
+}
+
+TEST(DeviceMemory, FramesOverDeviceAllocations) {
+  LogCapture log;
+  zarvel_buffer_t* block = zarvel_buffer_alloc(256, ZARVEL_MEM_DEVICE);
+  auto* base = static_cast<uint8_t*>(zarvel_buffer_raw_pointer(block));
+  ReleaseCounter counter;
+  zarvel_frame_t* f = zarvel_frame_make(1, ZARVEL_PIXFMT_GREY, base + 64, 8, 8, nullptr, nullptr,
+                                        &ReleaseCounter::release, &counter);
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(zarvel_frame_reset(f, 9), ZARVEL_OK);
+  std::vector<uint8_t> bytes(256, 0xFF);
+  zarvel_buffer_t* host = zarvel_buffer_make(bytes.data(), 256, 0, nullptr, nullptr);
+  ASSERT_EQ(zarvel_buffer_copy(block, host), ZARVEL_OK);
+  std::vector<uint8_t> want(256, 0);
+  std::fill(want.begin() + 64, want.begin() + 128, 9);  // exactly the frame's 8 x 8 bytes
+  EXPECT_EQ(bytes, want);
+  zarvel_frame_free(&f);
+  EXPECT_EQ(counter.calls, 1);
+
+  // Device frames lie wholly inside a device allocation; host frames never inside one.
+  for (auto [mem, pixels] :
+       {std::pair{1u, base + 200}, std::pair{1u, bytes.data()}, std::pair{0u, base}}) {
+    EXPECT_EQ(zarvel_frame_make(mem, ZARVEL_PIXFMT_GREY, pixels, 8, 8, nullptr, nullptr, nullptr,
+                                nullptr),
+              nullptr);
+  }
+  zarvel_buffer_free(&host);
+  zarvel_buffer_free(&block);
 }
 
 }  // namespace

@@ -3,9 +3,7 @@
 #include <zarvel/aux.h>
 
 #include <regex>
-#include <sstream>
 #include <string>
-#include <vector>
 
 TEST(Identity, NamesVersionAndBanner) {
   EXPECT_STREQ(__plugin_name(), "zarvel_aux");
@@ -13,30 +11,13 @@ TEST(Identity, NamesVersionAndBanner) {
   // Static strings: the same pointers on every call.
   EXPECT_EQ(zarvel_aux_meta(), zarvel_aux_meta());
   EXPECT_EQ(zarvel_aux_revision(), zarvel_aux_revision());
-
-  const std::string banner = zarvel_aux_meta();
-  ASSERT_GE(banner.size(), 2u);
-  EXPECT_EQ(banner.substr(banner.size() - 2), "\n\n");
-  // One pattern per line; the component line's trailing blank is part of it.
-  const std::vector<std::string> patterns = {"ZARVEL 1\\.4\\.1",
-                                             ".+",
-                                             "",
-                                             "Component    : zarvel_aux ",
-                                             "Revision     : [0-9a-f]{40}",
-                                             "",
-                                             "System       : \\S+-\\S+",
-                                             "Architecture : AMD64",
-                                             "C Compiler   : \\S+ [0-9.]+",
-                                             "C\\+\\+ Compiler : \\S+ [0-9.]+",
-                                             "Build Config : \\S+",
-                                             "",
-                                             "Contact      : \\S+@\\S+",
-                                             ""};
-  std::vector<std::string> lines;
-  std::istringstream in(banner);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  ASSERT_EQ(lines.size(), patterns.size()) << banner;
-  for (size_t i = 0; i < lines.size(); ++i)
-    EXPECT_TRUE(std::regex_match(lines[i], std::regex(patterns[i]))) << i << ": " << lines[i];
-  EXPECT_EQ(lines[4], std::string("Revision     : ") + zarvel_aux_revision());
+  const std::string revision = zarvel_aux_revision();
+  EXPECT_TRUE(std::regex_match(revision, std::regex("[0-9a-f]{40}"))) << revision;
+  // Line by line; the component line's trailing blank is part of it.
+  const std::regex banner(
+      "ZARVEL 1\\.4\\.1\n.+\n\nComponent    : zarvel_aux \nRevision     : " + revision +
+      "\n\nSystem       : \\S+-\\S+\nArchitecture : AMD64\n"
+      "C Compiler   : \\S+ [0-9.]+\nC\\+\\+ Compiler : \\S+ [0-9.]+\n"
+      "Build Config : \\S+\n\nContact      : \\S+@\\S+\n\n");
+  EXPECT_TRUE(std::regex_match(std::string(zarvel_aux_meta()), banner)) << zarvel_aux_meta();
 }

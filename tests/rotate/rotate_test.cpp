@@ -1,14 +1,19 @@
-// zarvel_frame_rotate end to end: every code and format against the index-mapping oracle,
-// the output checks, the unsupported-format message and the device fallback.
+// Rotation: the vector kernels against the plain loops (guard pages, unaligned starts, padded
+// strides), every code and format against an index-mapping oracle through the host slot and
+// the export, the output checks, the unsupported-format message and the device fallback.
+#include "ops/rotate/rotate.h"
+
 #include <gtest/gtest.h>
 #include <zarvel/aux.h>
 
+#include <numeric>
 #include <random>
 #include <vector>
 
+#include "frame_test_support.h"
+#include "guarded_buffer.h"
 #include "op_test_support.h"
 #include "plugin/device_api.h"
-#include "rotate_test_support.h"
 
 namespace za = zarvel::aux;
 using namespace zarvel::test;
@@ -16,43 +21,81 @@ using namespace zarvel::test;
 namespace {
 
 constexpr uint8_t kSentinel = 0xA5;
-constexpr uint32_t kFormats[] = {ZARVEL_PIXFMT_GREY, ZARVEL_PIXFMT_RGB24, ZARVEL_PIXFMT_BGR24,
-                                 ZARVEL_PIXFMT_NV12, ZARVEL_PIXFMT_NV21,  ZARVEL_PIXFMT_YU12};
 
-za::FramePtr alloc(uint32_t format, int w, int h, int pad = 0, uint8_t fill = kSentinel) {
-  const auto strides = padded_strides(format, w, pad);
-  za::FramePtr f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, strides.data(), 0));
-  if (f) fill_planes(f.get(), fill);
+// Rotates a source whose last row ends at a guard page into a sentinel-filled destination.
+std::vector<uint8_t> rotate_with(uint32_t mask, int p, int angle, int h, int w, int pad,
+                                 int offset) {
+  const int src_stride = w * p + pad;
+  GuardedBuffer src(static_cast<size_t>(h - 1) * src_stride + w * p);
+  std::mt19937 rng(h * 1000 + w);
+  for (size_t k = 0; k < src.size(); ++k) src.data()[k] = static_cast<uint8_t>(rng());
+  const int dh = angle != 180 ? w : h, dw = angle != 180 ? h : w, dst_stride = dw * p + 3;
+  std::vector<uint8_t> dst(static_cast<size_t>(dh) * dst_stride + offset, kSentinel);
+  FeatureMask features(mask);
+  za::rotate::rotate_plane(angle, p, h, w, src_stride, src.data(), dh, dw, dst_stride,
+                           dst.data() + offset);
+  return dst;
+}
+
+// Half turns over every width to 130 (the 16-byte blocks); quarter turns over sizes straddling
+// the 64-pixel tiles.
+TEST(RotateKernels, VectorEqualsPlainLoops) {
+  const int sides[] = {1, 15, 16, 17, 63, 64, 65, 80, 127, 128, 129, 130, 192, 200};
+  std::vector<std::pair<int, int>> half, quarter;
+  for (int w = 1; w <= 130; ++w) half.insert(half.end(), {{1, w}, {3, w}});
+  for (int h : sides)
+    for (int w : sides) quarter.push_back({h, w});
+  for (int p : {1, 2, 3})
+    for (int angle : {90, 180, 270})
+      for (auto [h, w] : angle == 180 ? half : quarter)
+        ASSERT_EQ(rotate_with(0, p, angle, h, w, (h + w) % 7, (h * 3 + w) % 16),
+                  rotate_with(~0u, p, angle, h, w, (h + w) % 7, (h * 3 + w) % 16))
+            << p << ": " << angle << " " << w << "x" << h;
+}
+
+// A host frame filled with the sentinel; `pad` > 0 adds pad + i bytes to the rows of plane i.
+za::FramePtr alloc(uint32_t format, int w, int h, int pad = 0) {
+  int32_t strides[4] = {};
+  const auto planes = planes_of(format);
+  for (size_t i = 0; pad > 0 && i < planes.size(); ++i)
+    strides[i] = w / planes[i].div * planes[i].pixel_size + pad + static_cast<int>(i);
+  za::FramePtr f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, strides, 0));
+  if (f) fill_planes(f.get(), kSentinel);
   return f;
 }
 
-// Checks every plane of `out` against the oracle over the rotated size; every other byte the
-// planes span (row padding, a larger output's remainder) must still hold the sentinel.
+// Every byte `out`'s planes span: inside the rotated size, the source pixel the clockwise
+// mapping picks; elsewhere (row padding, a larger output's remainder) still the sentinel.
 void expect_rotated(const zarvel_frame_t* src, const zarvel_frame_t* out, int angle) {
   const auto planes = planes_of(src->format);
   for (size_t i = 0; i < planes.size(); ++i) {
     const auto [p, div] = planes[i];
-    const int sh = src->height / div, sw = src->width / div;
-    const auto want = rotate_oracle(src->plane[i], sh, sw, src->stride[i], p, angle);
-    const int oh = angle == 180 ? sh : sw, ow = angle == 180 ? sw : sh;
+    const int h = src->height / div, w = src->width / div;
+    const int oh = angle == 180 ? h : w, ow = angle == 180 ? w : h;
     for (uint64_t k = 0; k < out->plane_size[i]; ++k) {
       const int r = static_cast<int>(k / out->stride[i]), x = static_cast<int>(k % out->stride[i]);
-      const bool inside = r < oh && x < ow * p;
-      const uint8_t want_byte = inside ? want[static_cast<size_t>(r) * ow * p + x] : kSentinel;
-      if (out->plane[i][k] != want_byte)
+      const int c = x / p;
+      uint8_t want = kSentinel;
+      if (r < oh && c < ow) {
+        const int sr = angle == 90 ? h - 1 - c : angle == 180 ? h - 1 - r : c;
+        const int sc = angle == 90 ? r : angle == 180 ? w - 1 - c : w - 1 - r;
+        want = src->plane[i][static_cast<size_t>(sr) * src->stride[i] + sc * p + x % p];
+      }
+      if (out->plane[i][k] != want)
         FAIL() << "plane " << i << " row " << r << " byte " << x << ": got " << +out->plane[i][k]
-               << " want " << +want_byte << " (angle " << angle << ", " << src->width << "x"
+               << " want " << +want << " (angle " << angle << ", " << src->width << "x"
                << src->height << ")";
     }
   }
 }
 
 // Rotates every format over pairs of `sizes` with padded strides into sentinel-filled outputs
-// through `rotate(src, out, angle)`, and checks each result against the oracle.
+// through `rotate(src, out, angle)`, and checks each result against the mapping.
 template <typename Rotate>
 void check_all_formats(const std::vector<int>& sizes, Rotate rotate) {
   std::mt19937 rng(7);
-  for (uint32_t format : kFormats) {
+  for (uint32_t format : {ZARVEL_PIXFMT_GREY, ZARVEL_PIXFMT_RGB24, ZARVEL_PIXFMT_BGR24,
+                          ZARVEL_PIXFMT_NV12, ZARVEL_PIXFMT_NV21, ZARVEL_PIXFMT_YU12}) {
     for (int w : sizes) {
       for (int h : sizes) {
         if (za::is_yuv420(format) && (w % 2 != 0 || h % 2 != 0)) continue;
@@ -63,7 +106,6 @@ void check_all_formats(const std::vector<int>& sizes, Rotate rotate) {
         fill_random(src.get(), rng);
         for (int angle : {90, 180, 270}) {
           auto out = angle == 180 ? alloc(format, w, h, 7 - pad) : alloc(format, h, w, 7 - pad);
-          ASSERT_TRUE(out);
           rotate(src.get(), out.get(), angle);
           ASSERT_NO_FATAL_FAILURE(expect_rotated(src.get(), out.get(), angle));
         }
@@ -74,7 +116,7 @@ void check_all_formats(const std::vector<int>& sizes, Rotate rotate) {
 
 // The variant switch reaches the kernels linked into this test through the host slot, over
 // sizes straddling the 16-byte blocks and the 64-pixel tiles; the export with fewer sizes.
-TEST(Rotate, HostSlotMatchesTheIndexMappingOnBothPaths) {
+TEST(Rotate, HostSlotAndExportMatchTheIndexMapping) {
   for (uint32_t mask : {0u, ~0u}) {
     FeatureMask features(mask);
     check_all_formats({1, 2, 3, 15, 16, 17, 31, 48, 63, 64, 65, 127, 128, 129, 130},
@@ -82,39 +124,36 @@ TEST(Rotate, HostSlotMatchesTheIndexMappingOnBothPaths) {
                         ASSERT_EQ(za::host_device_api().rotate(src, out, float(angle)), 0);
                       });
   }
-}
-
-TEST(Rotate, ExportMatchesTheIndexMappingForAllCodesAndFormats) {
   check_all_formats({2, 6, 16, 18, 64, 66}, [](zarvel_frame_t* src, zarvel_frame_t* out, int a) {
     zarvel_frame_t* slot = out;
     ASSERT_EQ(zarvel_frame_rotate(src, &slot, a / 90 - 1), 0);
     ASSERT_EQ(slot, out);
   });
-}
-
-TEST(Rotate, QuarterTurnOfFourByTwoGrey) {
+  // The 4 x 2 example: the first output row is the first source column from the bottom up.
   auto src = alloc(ZARVEL_PIXFMT_GREY, 4, 2);
-  const uint8_t pixels[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-  for (int r = 0; r < 2; ++r) std::memcpy(src->plane[0] + r * src->stride[0], pixels + 4 * r, 4);
+  std::iota(src->plane[0], src->plane[0] + 8, 1);
   zarvel_frame_t* out = nullptr;
   ASSERT_EQ(zarvel_frame_rotate(src.get(), &out, 0), 0);
-  za::FramePtr owned(out);
-  // The first output row is the first source column read from the bottom up.
-  EXPECT_EQ(visible_bytes(out), (std::vector<uint8_t>{5, 1, 6, 2, 7, 3, 8, 4}));
+  EXPECT_EQ(visible_bytes(za::FramePtr(out).get()), (std::vector<uint8_t>{5, 1, 6, 2, 7, 3, 8, 4}));
+  // Only the rotated 4 x 6 corner of a larger 10 x 8 output is written.
+  std::mt19937 rng(3);
+  auto nv12 = alloc(ZARVEL_PIXFMT_NV12, 6, 4), large = alloc(ZARVEL_PIXFMT_NV12, 10, 8);
+  fill_random(nv12.get(), rng);
+  zarvel_frame_t* slot = large.get();
+  ASSERT_EQ(zarvel_frame_rotate(nv12.get(), &slot, 2), 0);
+  expect_rotated(nv12.get(), large.get(), 270);
 }
 
-// Unknown codes and unfit given outputs fail; unknown codes silently, leaving the output.
+// Unknown codes fail silently, leaving a given output; unfit outputs fail with the mismatch
+// message; a format the host does not rotate succeeds with one message, output untouched.
 TEST(Rotate, RefusalsAndTheUnsupportedFormat) {
   LogCapture log;
-  auto src = alloc(ZARVEL_PIXFMT_NV12, 6, 4);
-  auto given = alloc(ZARVEL_PIXFMT_NV12, 4, 6);
+  auto src = alloc(ZARVEL_PIXFMT_NV12, 6, 4), given = alloc(ZARVEL_PIXFMT_NV12, 4, 6);
   for (int code : {3, -1, 4, 90}) {
-    zarvel_frame_t* out = nullptr;
+    zarvel_frame_t *out = nullptr, *slot = given.get();
     EXPECT_EQ(zarvel_frame_rotate(src.get(), &out, code), -1) << code;
-    EXPECT_EQ(out, nullptr);
-    zarvel_frame_t* slot = given.get();
     EXPECT_EQ(zarvel_frame_rotate(src.get(), &slot, code), -1);
-    EXPECT_EQ(slot, given.get());
+    EXPECT_TRUE(out == nullptr && slot == given.get());
   }
   EXPECT_EQ(given->plane[0][0], kSentinel);
   log.expect({});
@@ -122,29 +161,18 @@ TEST(Rotate, RefusalsAndTheUnsupportedFormat) {
   auto small = alloc(ZARVEL_PIXFMT_NV12, 4, 4), grey = alloc(ZARVEL_PIXFMT_GREY, 4, 6);
   for (zarvel_frame_t* slot : {small.get(), grey.get()})
     EXPECT_EQ(zarvel_frame_rotate(src.get(), &slot, 0), -1);
-  EXPECT_EQ(log.messages().size(), 2u);
+  ASSERT_EQ(log.messages().size(), 2u);
   EXPECT_EQ(log.messages()[0].text,
             "[zarvel_frame_rotate] Required_frame and given_frame not match:\n\treq:\tgiven:\n"
             "mem:\t0\t0\nfmt:\tNV12\tNV12\nwidth:\t4\t4\nheight:\t6\t4\n");
   log.clear();
 
-  // A format the host does not rotate: one host message, success, the output untouched.
   auto deep = alloc(ZARVEL_PIXFMT_GREY16, 6, 4), deep_out = alloc(ZARVEL_PIXFMT_GREY16, 4, 6);
   zarvel_frame_t* slot = deep_out.get();
   EXPECT_EQ(zarvel_frame_rotate(deep.get(), &slot, 2), 0);
   log.expect({{4, "aux.host", "Rotating a frame in format [GREY16] is not supported yet!\n"}});
   for (uint64_t k = 0; k < deep_out->plane_size[0]; ++k)
     ASSERT_EQ(deep_out->plane[0][k], kSentinel);
-}
-
-// Only the rotated 4 x 6 corner of a 10 x 8 output is written; the sentinel stays elsewhere.
-TEST(Rotate, ALargerGivenOutputGetsTheTopLeftCorner) {
-  std::mt19937 rng(3);
-  auto src = alloc(ZARVEL_PIXFMT_NV12, 6, 4), large = alloc(ZARVEL_PIXFMT_NV12, 10, 8);
-  fill_random(src.get(), rng);
-  zarvel_frame_t* slot = large.get();
-  ASSERT_EQ(zarvel_frame_rotate(src.get(), &slot, 2), 0);
-  expect_rotated(src.get(), large.get(), 270);
 }
 
 TEST(Rotate, AnOutputSharingTheSourcePixelsIsRotatedFromACopy) {
@@ -177,8 +205,7 @@ TEST(Rotate, DeviceFramesFallBackToTheHost) {
   za::FramePtr out_owned(out);
   expect_device_fallback(log, "zarvel_frame_rotate");
   EXPECT_EQ(zarvel_frame_mem_type(out), ZARVEL_MEM_DEVICE);
-  EXPECT_EQ(out->meta_word0, 5u);
-  EXPECT_EQ(out->meta_word1, 6u);
+  EXPECT_TRUE(out->meta_word0 == 5u && out->meta_word1 == 6u);
   zarvel_frame_t* slot = expected.get();
   ASSERT_EQ(zarvel_frame_rotate(host.get(), &slot, 0), 0);
   EXPECT_EQ(visible_bytes(to_host(out).get()), visible_bytes(expected.get()));

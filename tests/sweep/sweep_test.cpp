@@ -12,6 +12,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <string>
 #include <vector>
 
 #include "frame_test_support.h"
@@ -72,6 +73,8 @@ struct Frame {
 };
 
 using FrameOp = std::function<int32_t(zarvel_frame_t* src, zarvel_frame_t** dst)>;
+// An operation from a call on `s` (the source) and `d` (the output slot).
+#define OP(call) [=](zarvel_frame_t* s, zarvel_frame_t** d) -> int32_t { return call; }
 
 // Runs `op` with a null output slot and (when given) with a caller's output frame: each must
 // fail, leave the source and the caller's frame untouched and the caller's slot pointing at
@@ -90,46 +93,24 @@ void expect_refused(const char* what, zarvel_frame_t* src, zarvel_frame_t* given
     EXPECT_EQ(kept, given);
     EXPECT_EQ(bytes_of(given), given_before);
   }
-  if (src != nullptr) {
-    EXPECT_EQ(bytes_of(src), src_before);
-  }
+  EXPECT_EQ(src ? bytes_of(src) : std::vector<uint8_t>{}, src_before);
 }
 
 // The single-frame operations with valid parameters, by name.
 struct NamedOp {
-  const char* name;
+  std::string name;
   FrameOp op;
 };
 std::vector<NamedOp> frame_ops() {
-  static const float kIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-  return {
-      {"crop",
-       [](zarvel_frame_t* s, zarvel_frame_t** d) {
-         return zarvel_frame_crop(s, d, Area2D{0, 0, 4, 4});
-       }},
-      {"resize",
-       [](zarvel_frame_t* s, zarvel_frame_t** d) {
-         return zarvel_frame_resize(s, d, Size2D{6, 6});
-       }},
-      {"scale",
-       [](zarvel_frame_t* s, zarvel_frame_t** d) { return zarvel_frame_scale(s, d, 0.5f); }},
-      {"rotate",
-       [](zarvel_frame_t* s, zarvel_frame_t** d) { return zarvel_frame_rotate(s, d, 0); }},
-      {"equalize_hist",
-       [](zarvel_frame_t* s, zarvel_frame_t** d) { return zarvel_frame_equalize_hist(s, d); }},
-      {"cvt_color",
-       [](zarvel_frame_t* s, zarvel_frame_t** d) {
-         return zarvel_frame_cvt_color(s, d, ZARVEL_PIXFMT_BGR24);
-       }},
-      {"warpaffine",
-       [](zarvel_frame_t* s, zarvel_frame_t** d) {
-         return zarvel_frame_warpaffine(s, d ? *d : nullptr, kIdentity);
-       }},
-      {"warpperspective",
-       [](zarvel_frame_t* s, zarvel_frame_t** d) {
-         return zarvel_frame_warpperspective(s, d ? *d : nullptr, kIdentity);
-       }},
-  };
+  static const float m[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  return {{"crop", OP(zarvel_frame_crop(s, d, Area2D{0, 0, 4, 4}))},
+          {"resize", OP(zarvel_frame_resize(s, d, Size2D{6, 6}))},
+          {"scale", OP(zarvel_frame_scale(s, d, 0.5f))},
+          {"rotate", OP(zarvel_frame_rotate(s, d, 0))},
+          {"equalize_hist", OP(zarvel_frame_equalize_hist(s, d))},
+          {"cvt_color", OP(zarvel_frame_cvt_color(s, d, ZARVEL_PIXFMT_BGR24))},
+          {"warpaffine", OP(zarvel_frame_warpaffine(s, d ? *d : nullptr, m))},
+          {"warpperspective", OP(zarvel_frame_warpperspective(s, d ? *d : nullptr, m))}};
 }
 
 class Sweep : public ::testing::Test {
@@ -143,50 +124,34 @@ class Sweep : public ::testing::Test {
   LogCapture log_;
 };
 
-TEST_F(Sweep, FrameOperationsRefuseNullPointers) {
+TEST_F(Sweep, FrameOperationsRefuseNullPointersBadSizesAndParameters) {
   Frame grey(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_GREY, 8, 8);
   Frame out(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_GREY, 8, 8, 3);
   for (const NamedOp& n : frame_ops()) {
-    SCOPED_TRACE(n.name);
-    expect_refused("null source", nullptr, out.f, n.op);
-    // A null output slot (warps: a null output frame).
-    EXPECT_NE(n.op(grey.f, nullptr), 0);
+    expect_refused(n.name.c_str(), nullptr, out.f, n.op);
+    EXPECT_NE(n.op(grey.f, nullptr), 0) << n.name;  // warps: a null output frame
   }
   const float m[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   EXPECT_NE(zarvel_frame_warpaffine(grey.f, out.f, nullptr), 0);
   EXPECT_NE(zarvel_frame_warpperspective(grey.f, out.f, nullptr), 0);
   EXPECT_NE(zarvel_frame_warpaffine(nullptr, nullptr, m), 0);
-}
 
-TEST_F(Sweep, FrameOperationsRefuseBadSizesAndParameters) {
   for (uint32_t format : kFormats) {
     SCOPED_TRACE(zarvel_frame_pixfmt_to_string(format));
     Frame src(ZARVEL_MEM_HOST, format, 8, 8);
     Frame given(ZARVEL_MEM_HOST, format, 8, 8, 5);
     for (const Size2D size : kBadSizes) {
-      expect_refused("resize", src.f, nullptr, [size](zarvel_frame_t* s, zarvel_frame_t** d) {
-        return zarvel_frame_resize(s, d, size);
-      });
-      expect_refused("crop", src.f, nullptr, [size](zarvel_frame_t* s, zarvel_frame_t** d) {
-        return zarvel_frame_crop(s, d, Area2D{0, 0, size.width, size.height});
-      });
+      expect_refused("resize", src.f, nullptr, OP(zarvel_frame_resize(s, d, size)));
+      expect_refused("crop", src.f, nullptr,
+                     OP(zarvel_frame_crop(s, d, Area2D{0, 0, size.width, size.height})));
     }
     // Ratios that give no pixels, no number, or sizes beyond int32.
-    for (float ratio : {0.0f, -1.0f, kNaN, kInf, -kInf, 1e-30f, 1e30f, 3e9f}) {
-      expect_refused("scale", src.f, nullptr, [ratio](zarvel_frame_t* s, zarvel_frame_t** d) {
-        return zarvel_frame_scale(s, d, ratio);
-      });
-    }
-    for (int32_t code : {-1, 3, 4, kMax, kMin}) {
-      expect_refused("rotate", src.f, given.f, [code](zarvel_frame_t* s, zarvel_frame_t** d) {
-        return zarvel_frame_rotate(s, d, code);
-      });
-    }
-    for (uint32_t to : {0u, 0x34325241u, ~0u}) {
-      expect_refused("cvt_color", src.f, nullptr, [to](zarvel_frame_t* s, zarvel_frame_t** d) {
-        return zarvel_frame_cvt_color(s, d, to);
-      });
-    }
+    for (float ratio : {0.0f, -1.0f, kNaN, kInf, -kInf, 1e-30f, 1e30f, 3e9f})
+      expect_refused("scale", src.f, nullptr, OP(zarvel_frame_scale(s, d, ratio)));
+    for (int32_t code : {-1, 3, 4, kMax, kMin})
+      expect_refused("rotate", src.f, given.f, OP(zarvel_frame_rotate(s, d, code)));
+    for (uint32_t to : {0u, 0x34325241u, ~0u})
+      expect_refused("cvt_color", src.f, nullptr, OP(zarvel_frame_cvt_color(s, d, to)));
   }
 }
 
@@ -198,23 +163,18 @@ TEST_F(Sweep, OddYuv420SizesAreRefusedBeforeTouchingPixels) {
     // Odd sizes asked for through parameters. (A given even output takes an odd-sized resize
     // in its top-left corner, so only the allocating form must refuse.)
     for (const Size2D size : {Size2D{7, 8}, Size2D{8, 7}, Size2D{1, 1}}) {
-      expect_refused("resize", src.f, nullptr, [size](zarvel_frame_t* s, zarvel_frame_t** d) {
-        return zarvel_frame_resize(s, d, size);
-      });
-      expect_refused("crop", src.f, given.f, [size](zarvel_frame_t* s, zarvel_frame_t** d) {
-        return zarvel_frame_crop(s, d, Area2D{0, 0, size.width, size.height});
-      });
+      expect_refused("resize", src.f, nullptr, OP(zarvel_frame_resize(s, d, size)));
+      expect_refused("crop", src.f, given.f,
+                     OP(zarvel_frame_crop(s, d, Area2D{0, 0, size.width, size.height})));
     }
-    expect_refused("scale to odd", src.f, nullptr, [](zarvel_frame_t* s, zarvel_frame_t** d) {
-      return zarvel_frame_scale(s, d, 0.375f);  // 8 * 0.375 = 3
-    });
+    expect_refused("scale to 3", src.f, nullptr, OP(zarvel_frame_scale(s, d, 0.375f)));
     // A record whose size became odd: every operation but colour conversion (which leaves odd
     // sizes open and must only stay inside the planes) refuses it.
     zarvel_frame_t odd = *src.f;
     odd.width = 7;
     for (const NamedOp& n : frame_ops()) {
-      if (std::strcmp(n.name, "cvt_color") != 0) {
-        expect_refused(n.name, &odd, given.f, n.op);
+      if (n.name != "cvt_color") {
+        expect_refused(n.name.c_str(), &odd, given.f, n.op);
         continue;
       }
       zarvel_frame_t* out = nullptr;
@@ -223,72 +183,54 @@ TEST_F(Sweep, OddYuv420SizesAreRefusedBeforeTouchingPixels) {
     }
   }
   Frame grey(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_GREY, 7, 5);
-  expect_refused("odd grey to NV12", grey.f, nullptr, [](zarvel_frame_t* s, zarvel_frame_t** d) {
-    return zarvel_frame_cvt_color(s, d, ZARVEL_PIXFMT_NV12);
-  });
+  expect_refused("odd grey to NV12", grey.f, nullptr,
+                 OP(zarvel_frame_cvt_color(s, d, ZARVEL_PIXFMT_NV12)));
 }
 
+// Outputs of the other memory type or format, or too small, are refused and kept. (An inner
+// crop is a frame copy, which writes into a frame of either memory type.)
 TEST_F(Sweep, MismatchedOutputsAreRefusedAndKept) {
-  for (uint32_t src_mem : {ZARVEL_MEM_HOST, ZARVEL_MEM_DEVICE}) {
-    Frame src(src_mem, ZARVEL_PIXFMT_RGB24, 8, 8);
-    Frame other_mem(src_mem == ZARVEL_MEM_HOST ? ZARVEL_MEM_DEVICE : ZARVEL_MEM_HOST,
-                    ZARVEL_PIXFMT_RGB24, 8, 8, 4);
-    Frame other_format(src_mem, ZARVEL_PIXFMT_GREY, 8, 8, 4);
-    Frame too_small(src_mem, ZARVEL_PIXFMT_RGB24, 2, 2, 4);
+  for (uint32_t mem : {ZARVEL_MEM_HOST, ZARVEL_MEM_DEVICE}) {
+    Frame src(mem, ZARVEL_PIXFMT_RGB24, 8, 8);
+    Frame other_mem(mem ^ 1u, ZARVEL_PIXFMT_RGB24, 8, 8, 4);
+    Frame other_format(mem, ZARVEL_PIXFMT_GREY, 8, 8, 4);
+    Frame too_small(mem, ZARVEL_PIXFMT_RGB24, 2, 2, 4);
     for (const NamedOp& n : frame_ops()) {
-      SCOPED_TRACE(n.name);
-      for (zarvel_frame_t* given : {other_mem.f, other_format.f}) {
-        if (std::strcmp(n.name, "cvt_color") == 0 && given == other_format.f) continue;
-        // An inner crop is a frame copy, which writes into a frame of either memory type.
-        if (std::strcmp(n.name, "crop") == 0 && given == other_mem.f) continue;
+      const bool sized = n.name == "resize" || n.name == "rotate" || n.name == "equalize_hist";
+      for (zarvel_frame_t* given : {other_mem.f, other_format.f, too_small.f}) {
+        if ((n.name == "cvt_color" && given == other_format.f) ||
+            (n.name == "crop" && given == other_mem.f) || (!sized && given == too_small.f))
+          continue;
         const std::vector<uint8_t> before = bytes_of(given);
         zarvel_frame_t* kept = given;
-        EXPECT_NE(n.op(src.f, &kept), 0);
+        EXPECT_NE(n.op(src.f, &kept), 0) << n.name;
         EXPECT_EQ(kept, given);
         EXPECT_EQ(bytes_of(given), before);
       }
     }
-    for (const char* name : {"resize", "rotate", "equalize_hist"}) {
-      for (const NamedOp& n : frame_ops()) {
-        if (std::strcmp(n.name, name) != 0) continue;
-        zarvel_frame_t* kept = too_small.f;
-        EXPECT_NE(n.op(src.f, &kept), 0) << name;
-        EXPECT_EQ(kept, too_small.f);
-      }
-    }
   }
 }
 
-TEST_F(Sweep, CropRegionsOutsideTheFrameAreSafe) {
-  for (uint32_t format : kFormats) {
-    Frame src(ZARVEL_MEM_HOST, format, 8, 8);
-    for (const Area2D area :
-         {Area2D{-100, -100, 4, 4}, Area2D{100, 100, 4, 4}, Area2D{-2, -2, 12, 12},
-          Area2D{kMax - 3, kMax - 3, 2, 2}, Area2D{kMin, kMin, 2, 2}, Area2D{6, 6, 4, 4}}) {
-      zarvel_frame_t* out = nullptr;
-      const int32_t status = zarvel_frame_crop(src.f, &out, area);
-      if (status == 0) {
-        ASSERT_NE(out, nullptr);
-        EXPECT_EQ(out->width, area.width);
-        EXPECT_EQ(out->height, area.height);
-      }
-      zarvel_frame_free(&out);
-    }
-  }
-}
-
-TEST_F(Sweep, WarpsSurviveNonFiniteAndHugeMatrices) {
-  const float kValues[] = {kNaN, kInf, -kInf, 1e30f, -1e30f, 3e9f, 0.0f};
+// Crops far outside the frame and warps with non-finite or huge entries: any status, a
+// successful crop has the asked size, and no pixel read lies outside the source (ASan, and
+// the sentinel rows of the frame library's allocation).
+TEST_F(Sweep, CropsOutsideTheFrameAndNonFiniteWarpsAreSafe) {
   for (uint32_t format : kFormats) {
     SCOPED_TRACE(zarvel_frame_pixfmt_to_string(format));
-    Frame src(ZARVEL_MEM_HOST, format, 16, 8);
-    Frame out(ZARVEL_MEM_HOST, format, 10, 6);
-    for (float v : kValues) {
+    Frame src(ZARVEL_MEM_HOST, format, 16, 8), out(ZARVEL_MEM_HOST, format, 10, 6);
+    for (const Area2D a :
+         {Area2D{-100, -100, 4, 4}, Area2D{100, 100, 4, 4}, Area2D{-2, -2, 20, 12},
+          Area2D{kMax - 3, kMax - 3, 2, 2}, Area2D{kMin, kMin, 2, 2}, Area2D{14, 6, 4, 4}}) {
+      zarvel_frame_t* crop = nullptr;
+      EXPECT_TRUE(zarvel_frame_crop(src.f, &crop, a) != 0 ||
+                  (crop->width == a.width && crop->height == a.height))
+          << a.x;
+      zarvel_frame_free(&crop);
+    }
+    for (float v : {kNaN, kInf, -kInf, 1e30f, -1e30f, 3e9f, 0.0f}) {
       for (int i = 0; i < 9; ++i) {
         float m[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
         m[i] = v;
-        // Any status will do; the pixels read must lie inside the source (ASan, and the
-        // sentinel rows of the frame library's allocation).
         zarvel_frame_warpaffine(src.f, out.f, m);
         zarvel_frame_warpperspective(src.f, out.f, m);
       }
@@ -299,10 +241,8 @@ TEST_F(Sweep, WarpsSurviveNonFiniteAndHugeMatrices) {
 // The estimators check nothing by design (null pointers are the caller's fault); counts and
 // degenerate or non-finite points must still stay inside the given arrays.
 TEST_F(Sweep, EstimatorsSurviveDegeneratePoints) {
-  const float pts[6] = {0, 0, 1, 0, 0, 1};
-  const float line[6] = {0, 0, 1, 1, 2, 2};
-  const float same[6] = {1, 1, 1, 1, 1, 1};
-  const float bad[6] = {kNaN, 0, kInf, 0, 0, -kInf};
+  const float pts[6] = {0, 0, 1, 0, 0, 1}, line[6] = {0, 0, 1, 1, 2, 2};
+  const float same[6] = {1, 1, 1, 1, 1, 1}, bad[6] = {kNaN, 0, kInf, 0, 0, -kInf};
   float fwd[9], inv[9];
   for (int32_t n : {0, -1, kMin}) zarvel_find_rigid_transform(pts, pts, n, fwd);
   for (const float* p : {line, same, bad}) {
@@ -336,8 +276,8 @@ void expect_spoilers_refused(const Args& valid, const std::function<int32_t(Args
 }
 
 TEST_F(Sweep, FrameToTensorAndBackRefuseBadArguments) {
-  Frame rgb(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 8, 8);
-  Frame nv12(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_NV12, 8, 8);
+  Frame rgb(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 8, 8),
+      nv12(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_NV12, 8, 8);
   Tensor host(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1, 3, 8, 8);
   Tensor device(ZARVEL_MEM_DEVICE, ZARVEL_ELEM_F32, 1, 3, 8, 8);
   Tensor s8(ZARVEL_MEM_HOST, ZARVEL_ELEM_S8, 1, 3, 8, 8);
@@ -368,22 +308,21 @@ TEST_F(Sweep, FrameToTensorAndBackRefuseBadArguments) {
   const float weird[3] = {kNaN, kInf, 0.0f};
   zarvel_frame_to_tensor(host.t, 0, 0, rgb.f, weird, weird, weird);
 
-  Tensor t(ZARVEL_MEM_HOST, ZARVEL_ELEM_U8, 2, 3, 4, 4);
-  Tensor device_u8(ZARVEL_MEM_DEVICE, ZARVEL_ELEM_U8, 2, 3, 4, 4);
+  // Back to frames: null arguments, unknown colour types and items outside the batch fail;
+  // a device tensor gives any status without host access; an unknown element type stores null.
+  Tensor t(ZARVEL_MEM_HOST, ZARVEL_ELEM_U8, 2, 3, 4, 4),
+      dev(ZARVEL_MEM_DEVICE, ZARVEL_ELEM_U8, 2, 3, 4, 4);
   zarvel_frame_t* frame = nullptr;
   EXPECT_NE(zarvel_tensor_to_frames(nullptr, 0, 0, &frame), 0);
   EXPECT_NE(zarvel_tensor_to_frames(t.t, 0, 0, nullptr), 0);
-  for (uint32_t color : {3u, ~0u}) {
-    EXPECT_NE(zarvel_tensor_to_frames(t.t, color, 0, &frame), 0);
-    EXPECT_EQ(frame, nullptr);
-  }
+  for (uint32_t color : {3u, ~0u}) EXPECT_NE(zarvel_tensor_to_frames(t.t, color, 0, &frame), 0);
+  EXPECT_EQ(frame, nullptr);
   for (int64_t index : {int64_t{-1}, int64_t{2}, int64_t{1} << 40, int64_t{kMin}}) {
     EXPECT_NE(zarvel_tensor_to_frames(t.t, 0, index, &frame), 0) << index;
     zarvel_frame_free(&frame);
   }
-  zarvel_tensor_to_frames(device_u8.t, 0, 0, &frame);  // any status; no host access to the data
+  zarvel_tensor_to_frames(dev.t, 0, 0, &frame);
   zarvel_frame_free(&frame);
-  // An element type the reader does not know stores null.
   zarvel_tensor_t unknown = *t.t;
   unknown.elem_type = 7;
   frame = reinterpret_cast<zarvel_frame_t*>(&unknown);
@@ -396,14 +335,12 @@ TEST_F(Sweep, TransformToTensorRefusesBadOptions) {
   Tensor tensor(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 8, 8);
   // Arrays hold three items so that a count of three (one more than the tensor's batch) is
   // only the tensor's problem; spoilers that change an item point at these copies.
-  zarvel_frame_t* frames[3] = {rgb.f, rgb.f, rgb.f};
-  zarvel_frame_t* with_null[3] = {rgb.f, nullptr, rgb.f};
+  zarvel_frame_t *frames[3] = {rgb.f, rgb.f, rgb.f}, *with_null[3] = {rgb.f, nullptr, rgb.f};
   Area2D rois[3] = {{0, 0, 8, 8}, {4, 4, 8, 8}, {0, 0, 8, 8}};
   Area2D negative[3] = {rois[0], {0, 0, -8, 8}, rois[2]};
   Area2D huge_roi[3] = {rois[0], {0, 0, kMax, kMax}, rois[2]};
   Area2D far[3] = {{kMin, kMin, 8, 8}, {kMax - 8, kMax - 8, 8, 8}, rois[2]};
-  Size2D sizes[3] = {{8, 8}, {8, 8}, {8, 8}};
-  Size2D huge_size[3] = {sizes[0], {kMax, kMax}, sizes[2]};
+  Size2D sizes[3] = {{8, 8}, {8, 8}, {8, 8}}, huge_size[3] = {sizes[0], {kMax, kMax}, sizes[2]};
   // An item far larger than the tensor: only the corner the tensor holds is computed, so a
   // size whose pixel count passes 2^47 is clipped like any other, without huge tables.
   Size2D clipped[3] = {{1 << 24, 1 << 24}, {8, 8}, {8, 8}};
@@ -419,7 +356,7 @@ TEST_F(Sweep, TransformToTensorRefusesBadOptions) {
   base.rois = rois;
   base.sizes = sizes;
   base.matrices = matrices;
-  for (int c = 0; c < 3; ++c) base.std[c] = 1.0f;
+  base.std[0] = base.std[1] = base.std[2] = 1.0f;
   base.buffer = &scratch;
   EXPECT_NE(zarvel_frame_transform_to_tensor(nullptr), 0);
   expect_spoilers_refused<TransformToTensorOption>(
@@ -444,9 +381,7 @@ TEST_F(Sweep, TransformToTensorRefusesBadOptions) {
         ZARVEL_TRANSFORM_PERSPECTIVE, ZARVEL_TRANSFORM_RESIZE | ZARVEL_TRANSFORM_CHANNEL_NORM}) {
     TransformToTensorOption o = base;
     o.flags = mode;
-    o.mean[0] = kNaN;
-    o.std[1] = 0.0f;
-    o.std[2] = kInf;
+    o.mean[0] = kNaN, o.std[1] = 0.0f, o.std[2] = kInf;
     o.rois = far;
     o.matrices = nan_matrices;
     zarvel_frame_transform_to_tensor(&o);
@@ -457,8 +392,7 @@ TEST_F(Sweep, TransformToTensorRefusesBadOptions) {
 TEST_F(Sweep, BatchTransformRefusesBadArguments) {
   Frame rgb(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 16, 16);
   Tensor tensor(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 8, 8);
-  zarvel_frame_t* frames[3] = {rgb.f, rgb.f, rgb.f};
-  zarvel_frame_t* with_null[2] = {rgb.f, nullptr};
+  zarvel_frame_t *frames[3] = {rgb.f, rgb.f, rgb.f}, *with_null[2] = {rgb.f, nullptr};
   const Area2D rois[3] = {{0, 0, 8, 8}, {4, 4, 8, 8}, {0, 0, 8, 8}};
   const float mean[3] = {0, 0, 0}, std1[3] = {1, 1, 1}, pads[9] = {};
   float sy[3], sx[3];
@@ -490,8 +424,7 @@ TEST_F(Sweep, BatchTransformRefusesBadArguments) {
                            Area2D{kMin, kMin, 8, 8}}) {
     const Area2D r[2] = {rois[0], bad};
     Args a{tensor.t, 0, 2, frames, r, 1, mean, std1, &scratch};
-    const int32_t status = call(a);
-    if (bad.width <= 0) EXPECT_NE(status, 0);
+    EXPECT_TRUE(call(a) != 0 || bad.width > 0);
   }
   zarvel_buffer_free(&scratch);
 }
@@ -502,9 +435,8 @@ TEST_F(Sweep, FrameLibraryGuardsSizeProducts) {
     for (const Size2D size : kBadSizes) {
       EXPECT_EQ(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, size.width, size.height, nullptr, 0),
                 nullptr);
-      if (size.width <= 0 || size.height <= 0) {
-        EXPECT_EQ(zarvel_frame_inferred_size(format, size.width, size.height, nullptr), -1);
-      }
+      EXPECT_TRUE((size.width > 0 && size.height > 0) ||
+                  zarvel_frame_inferred_size(format, size.width, size.height, nullptr) == -1);
     }
     // Strides: negative, short of a row, and huge enough that stride x rows wraps in 32 bits.
     for (int32_t stride : {-1, 1, kMin, kMax}) {
@@ -519,11 +451,14 @@ TEST_F(Sweep, FrameLibraryGuardsSizeProducts) {
   EXPECT_EQ(zarvel_frame_inferred_size(ZARVEL_PIXFMT_NV12, 65536, 65536, nullptr),
             int64_t{3} << 31);
   EXPECT_EQ(zarvel_frame_inferred_size(0x34325241u, 8, 8, nullptr), -1);
-  for (int32_t n : {0, -1, kMin})
-    EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, n, 3, 8, 8), nullptr);
-  EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, kMax, kMax, kMax, kMax), nullptr);
-  EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1 << 16, 1 << 16, 1 << 16, 1),
-            nullptr);
+  const int32_t shapes[][4] = {{0, 3, 8, 8},
+                               {-1, 3, 8, 8},
+                               {kMin, 3, 8, 8},
+                               {kMax, kMax, kMax, kMax},
+                               {1 << 16, 1 << 16, 1 << 16, 1}};
+  for (const auto& s : shapes)
+    EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, s[0], s[1], s[2], s[3]),
+              nullptr);
   EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, 7u, 1, 1, 1, 1), nullptr);
   EXPECT_EQ(zarvel_tensor_alloc(3u, ZARVEL_ELEM_S8, 1, 1, 1, 1), nullptr);
   for (int64_t size : {int64_t{-1}, int64_t{1} << 62, INT64_MAX})

@@ -36,31 +36,26 @@ std::vector<uint8_t> run_all(int seed) {
   zarvel_frame_t* rgb = make(ZARVEL_PIXFMT_RGB24, 37, 29, seed);
   zarvel_frame_t* nv12 = make(ZARVEL_PIXFMT_NV12, 40, 22, seed);
   zarvel_frame_t* grey = make(ZARVEL_PIXFMT_GREY, 35, 27, seed);
-  const auto one = [&out](auto op) {
-    zarvel_frame_t* dst = nullptr;
-    append_frame(out, dst, 0);
-    const int32_t status = op(&dst);
-    append_frame(out, dst, status);
+  // Runs op(&slot) with the slot holding `dst` (null: the operation allocates).
+  const auto one = [&out](zarvel_frame_t* dst, auto op) {
+    append_frame(out, dst, op(&dst));
     zarvel_frame_free(&dst);
   };
-  one([&](zarvel_frame_t** d) { return zarvel_frame_crop(rgb, d, Area2D{-3, 4, 20, 30}); });
-  one([&](zarvel_frame_t** d) { return zarvel_frame_resize(nv12, d, Size2D{66, 18}); });
-  one([&](zarvel_frame_t** d) { return zarvel_frame_scale(rgb, d, 1.7f); });
-  one([&](zarvel_frame_t** d) { return zarvel_frame_rotate(nv12, d, 0); });
-  one([&](zarvel_frame_t** d) { return zarvel_frame_rotate(rgb, d, 2); });
-  one([&](zarvel_frame_t** d) { return zarvel_frame_equalize_hist(grey, d); });
-  one([&](zarvel_frame_t** d) { return zarvel_frame_cvt_color(nv12, d, ZARVEL_PIXFMT_BGR24); });
-  one([&](zarvel_frame_t** d) { return zarvel_frame_cvt_color(rgb, d, ZARVEL_PIXFMT_YU12); });
+  using Slot = zarvel_frame_t**;
+  one(nullptr, [&](Slot d) { return zarvel_frame_crop(rgb, d, Area2D{-3, 4, 20, 30}); });
+  one(nullptr, [&](Slot d) { return zarvel_frame_resize(nv12, d, Size2D{66, 18}); });
+  one(nullptr, [&](Slot d) { return zarvel_frame_scale(rgb, d, 1.7f); });
+  one(nullptr, [&](Slot d) { return zarvel_frame_rotate(nv12, d, 0); });
+  one(nullptr, [&](Slot d) { return zarvel_frame_rotate(rgb, d, 2); });
+  one(nullptr, [&](Slot d) { return zarvel_frame_equalize_hist(grey, d); });
+  one(nullptr, [&](Slot d) { return zarvel_frame_cvt_color(nv12, d, ZARVEL_PIXFMT_BGR24); });
+  one(nullptr, [&](Slot d) { return zarvel_frame_cvt_color(rgb, d, ZARVEL_PIXFMT_YU12); });
   const float affine[6] = {0.9f, 0.2f, -3.0f, -0.1f, 1.1f, 2.5f};
   const float persp[9] = {1.0f, 0.1f, 2.0f, 0.05f, 0.9f, -1.0f, 0.001f, 0.002f, 1.0f};
-  one([&](zarvel_frame_t** d) {
-    *d = zarvel_frame_alloc(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 41, 23, nullptr, 0);
-    return zarvel_frame_warpaffine(rgb, *d, affine);
-  });
-  one([&](zarvel_frame_t** d) {
-    *d = zarvel_frame_alloc(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_NV12, 30, 20, nullptr, 0);
-    return zarvel_frame_warpperspective(nv12, *d, persp);
-  });
+  one(make(ZARVEL_PIXFMT_RGB24, 41, 23, seed + 1),
+      [&](Slot d) { return zarvel_frame_warpaffine(rgb, *d, affine); });
+  one(make(ZARVEL_PIXFMT_NV12, 30, 20, seed + 1),
+      [&](Slot d) { return zarvel_frame_warpperspective(nv12, *d, persp); });
 
   zarvel_tensor_t* tensor = zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 24, 24);
   const float mean[3] = {10, 20, 30}, std3[3] = {2, 3, 4}, pads[6] = {1, 2, 3, 4, 5, 6};
