@@ -115,14 +115,15 @@ int32_t run_job(zarvel_tensor_t* tensor, int64_t item, uint32_t color_type, zarv
 
   const int32_t H = tensor->shape[2], C = tensor->shape[1], W = tensor->shape[3];
   if (H <= 0 || W <= 0 || C <= 0) return kInvalidArgument;
-  if (item >= tensor->shape[0]) {
+  // The item's offset is checked for overflow too: strides are caller-writable fields.
+  int64_t offset = 0;
+  if (item >= tensor->shape[0] || __builtin_mul_overflow(item, tensor->stride[0], &offset)) {
     ZA_HOST_LOG(ZARVEL_LOG_FAILURE, "[%s] Item %lld lies outside a tensor of batch %d\n", kHostName,
                 static_cast<long long>(item), tensor->shape[0]);
     return kFailed;
   }
   ItemWriter writer;
-  int32_t status =
-      writer.init(tensor, item * tensor->stride[0], color_type, job.format, mean, std, job.pad);
+  int32_t status = writer.init(tensor, offset, color_type, job.format, mean, std, job.pad);
   if (status != kOk) return status;
 
   // Only the part of the resized region that the item holds is computed.

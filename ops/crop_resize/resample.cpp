@@ -19,6 +19,9 @@ namespace {
 // nearbyint for 0 <= x <= 2048 without a library call: adding and removing 2^52 leaves no
 // fraction bits, so the sum is rounded in the current rounding mode (nearest, ties to even),
 // exactly as nearbyint rounds.
+#ifdef __FAST_MATH__
+#error "round_weight needs IEEE double arithmetic: build without -ffast-math"
+#endif
 inline int32_t round_weight(double x) {
   constexpr double kShift = 4503599627370496.0;  // 2^52
   return static_cast<int32_t>((x + kShift) - kShift);
