@@ -219,51 +219,10 @@ void expect_spoilers_refused(const Args& valid, const std::function<int32_t(Args
   }
 }
 
-TensorPtr tensor(uint32_t mem, uint32_t elem, int n, int c, int h, int w) {
-  return TensorPtr(zarvel_tensor_alloc(mem, elem, n, c, h, w));
-}
-
-TEST_F(Sweep, FrameToTensorAndBackRefuseBadArguments) {
-  FramePtr rgb = frame(ZARVEL_PIXFMT_RGB24, 8, 8);
-  TensorPtr host = tensor(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1, 3, 8, 8);
-  const float zero[3] = {0, 0, 0}, one[3] = {1, 1, 1};
-  struct Args {
-    zarvel_tensor_t* t;
-    int32_t offset;
-    uint32_t color;
-    zarvel_frame_t* f;
-    const float *mean, *std, *pad;
-  };
-  std::vector<std::function<void(Args&)>> spoilers = {
-      [](Args& a) { a.t = nullptr; },    [](Args& a) { a.f = nullptr; },
-      [](Args& a) { a.mean = nullptr; }, [](Args& a) { a.std = nullptr; },
-      [](Args& a) { a.pad = nullptr; },  [](Args& a) { a.color = ~0u; }};
-  // Offsets that put the item before the tensor or (after 32-bit wrap-around) past it.
-  for (int32_t offset : {-1, kMin, 1, 3 * 8 * 8, kMax})
-    spoilers.push_back([=](Args& a) { a.offset = offset; });
-  expect_spoilers_refused<Args>(
-      {host.get(), 0, 0, rgb.get(), zero, one, zero},
-      [](Args& a) {
-        return zarvel_frame_to_tensor(a.t, a.offset, a.color, a.f, a.mean, a.std, a.pad);
-      },
-      spoilers);
-
-  // Back to frames: null arguments, an unknown colour type and items outside the batch fail.
-  TensorPtr t = tensor(ZARVEL_MEM_HOST, ZARVEL_ELEM_U8, 2, 3, 4, 4);
-  zarvel_frame_t* out = nullptr;
-  EXPECT_NE(zarvel_tensor_to_frames(nullptr, 0, 0, &out), 0);
-  EXPECT_NE(zarvel_tensor_to_frames(t.get(), 0, 0, nullptr), 0);
-  EXPECT_NE(zarvel_tensor_to_frames(t.get(), ~0u, 0, &out), 0);
-  EXPECT_EQ(out, nullptr);
-  for (int64_t index : {int64_t{-1}, int64_t{2}, int64_t{1} << 40, int64_t{kMin}}) {
-    EXPECT_NE(zarvel_tensor_to_frames(t.get(), 0, index, &out), 0) << index;
-    zarvel_frame_free(&out);
-  }
-}
-
-TEST_F(Sweep, TransformToTensorRefusesBadOptions) {
+// Frames into tensors (one item, the fused transforms, the batch) and back.
+TEST_F(Sweep, TensorPathsRefuseBadArguments) {
   FramePtr rgb = frame(ZARVEL_PIXFMT_RGB24, 16, 16);
-  TensorPtr t = tensor(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 8, 8);
+  TensorPtr t(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 8, 8));
   // Arrays hold three items so that a count of three (one more than the tensor's batch) is
   // only the tensor's problem; spoilers that change an item point at these copies.
   zarvel_frame_t *frames[3] = {rgb.get(), rgb.get(), rgb.get()},
@@ -277,7 +236,31 @@ TEST_F(Sweep, TransformToTensorRefusesBadOptions) {
   Size2D clipped[3] = {{1 << 24, 1 << 24}, {8, 8}, {8, 8}};
   float matrices[27];
   for (int i = 0; i < 27; ++i) matrices[i] = (i % 9) % 4 == 0 ? 1.0f : 0.0f;
+  const float ones[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};  // means, deviations and pads
+  float sy[3], sx[3];
   zarvel_buffer_t* scratch = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
+
+  struct Item {
+    zarvel_tensor_t* t;
+    int32_t offset;
+    uint32_t color;
+    zarvel_frame_t* f;
+    const float *mean, *std, *pad;
+  };
+  std::vector<std::function<void(Item&)>> item_spoilers = {
+      [](Item& a) { a.t = nullptr; },    [](Item& a) { a.f = nullptr; },
+      [](Item& a) { a.mean = nullptr; }, [](Item& a) { a.std = nullptr; },
+      [](Item& a) { a.pad = nullptr; },  [](Item& a) { a.color = ~0u; }};
+  // Offsets that put the item before the tensor or (after 32-bit wrap-around) past it.
+  for (int32_t offset : {-1, kMin, 3 * 8 * 8 + 1, 2 * 3 * 8 * 8, kMax})
+    item_spoilers.push_back([=](Item& a) { a.offset = offset; });
+  expect_spoilers_refused<Item>(
+      {t.get(), 0, 0, rgb.get(), ones, ones, ones},
+      [](Item& a) {
+        return zarvel_frame_to_tensor(a.t, a.offset, a.color, a.f, a.mean, a.std, a.pad);
+      },
+      item_spoilers);
+
   const TransformToTensorOption base{
       t.get(), 0,       ZARVEL_TRANSFORM_RESIZE, 2, frames, rois, sizes, matrices, {}, {1, 1, 1},
       nullptr, &scratch};
@@ -298,19 +281,8 @@ TEST_F(Sweep, TransformToTensorRefusesBadOptions) {
   big.frame_count = 1;
   big.sizes = clipped;
   EXPECT_EQ(zarvel_frame_transform_to_tensor(&big), 0);
-  zarvel_buffer_free(&scratch);
-}
 
-TEST_F(Sweep, BatchTransformRefusesBadArguments) {
-  FramePtr rgb = frame(ZARVEL_PIXFMT_RGB24, 16, 16);
-  TensorPtr t = tensor(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 8, 8);
-  zarvel_frame_t *frames[3] = {rgb.get(), rgb.get(), rgb.get()},
-                 *with_null[2] = {rgb.get(), nullptr};
-  const Area2D rois[3] = {{0, 0, 8, 8}, {4, 4, 8, 8}, {0, 0, 8, 8}};
-  const float mean[3] = {0, 0, 0}, std1[3] = {1, 1, 1}, pads[9] = {};
-  float sy[3], sx[3];
-  zarvel_buffer_t* scratch = nullptr;
-  struct Args {
+  struct Batch {
     zarvel_tensor_t* t;
     uint32_t color;
     uint64_t count;
@@ -320,27 +292,38 @@ TEST_F(Sweep, BatchTransformRefusesBadArguments) {
     const float *mean, *std;
     zarvel_buffer_t** buffer;
   };
-  std::vector<std::function<void(Args&)>> spoilers = {
-      [](Args& a) { a.t = nullptr; },        [](Args& a) { a.frames = nullptr; },
-      [](Args& a) { a.rois = nullptr; },     [](Args& a) { a.mean = nullptr; },
-      [](Args& a) { a.std = nullptr; },      [](Args& a) { a.buffer = nullptr; },
-      [](Args& a) { a.count = 3; },          [](Args& a) { a.color = 3; },
-      [&](Args& a) { a.frames = with_null; }};
-  for (int32_t mode : {-1, 2, kMax}) spoilers.push_back([=](Args& a) { a.mode = mode; });
-  const auto call = [&](Args& a) {
+  std::vector<std::function<void(Batch&)>> batch_spoilers = {
+      [](Batch& a) { a.t = nullptr; },        [](Batch& a) { a.frames = nullptr; },
+      [](Batch& a) { a.rois = nullptr; },     [](Batch& a) { a.mean = nullptr; },
+      [](Batch& a) { a.std = nullptr; },      [](Batch& a) { a.buffer = nullptr; },
+      [](Batch& a) { a.count = 3; },          [](Batch& a) { a.color = 3; },
+      [&](Batch& a) { a.frames = with_null; }};
+  for (int32_t mode : {-1, 2, kMax}) batch_spoilers.push_back([=](Batch& a) { a.mode = mode; });
+  const auto batch = [&](Batch& a) {
     return zarvel_frame_transform_to_tensor_batch(a.t, a.color, a.count, a.frames, a.rois, a.mode,
-                                                  a.mean, a.std, pads, a.buffer, sy, sx);
+                                                  a.mean, a.std, ones, a.buffer, sy, sx);
   };
-  expect_spoilers_refused<Args>({t.get(), 0, 2, frames, rois, 0, mean, std1, &scratch}, call,
-                                spoilers);
+  expect_spoilers_refused<Batch>({t.get(), 0, 2, frames, rois, 0, ones, ones, &scratch}, batch,
+                                 batch_spoilers);
   // Empty and negative regions are refused; others read 0 outside the frame.
   for (const Area2D bad : {Area2D{0, 0, 0, 8}, Area2D{0, 0, -8, 8}, Area2D{0, 0, kMax, kMax},
                            Area2D{kMin, kMin, 8, 8}}) {
     const Area2D r[2] = {rois[0], bad};
-    Args a{t.get(), 0, 2, frames, r, 1, mean, std1, &scratch};
-    EXPECT_TRUE(call(a) != 0 || bad.width > 0);
+    Batch a{t.get(), 0, 2, frames, r, 1, ones, ones, &scratch};
+    EXPECT_TRUE(batch(a) != 0 || bad.width > 0);
   }
   zarvel_buffer_free(&scratch);
+
+  // Back to frames: null arguments, an unknown colour type and items outside the batch fail.
+  zarvel_frame_t* out = nullptr;
+  EXPECT_NE(zarvel_tensor_to_frames(nullptr, 0, 0, &out), 0);
+  EXPECT_NE(zarvel_tensor_to_frames(t.get(), 0, 0, nullptr), 0);
+  EXPECT_NE(zarvel_tensor_to_frames(t.get(), ~0u, 0, &out), 0);
+  EXPECT_EQ(out, nullptr);
+  for (int64_t index : {int64_t{-1}, int64_t{2}, int64_t{1} << 40, int64_t{kMin}}) {
+    EXPECT_NE(zarvel_tensor_to_frames(t.get(), 0, index, &out), 0) << index;
+    zarvel_frame_free(&out);
+  }
 }
 
 TEST_F(Sweep, ImageFilesRefuseNullArguments) {
@@ -374,16 +357,13 @@ TEST_F(Sweep, FrameLibraryRefusesNullsAndGuardsSizeProducts) {
   EXPECT_EQ(zarvel_frame_inferred_size(ZARVEL_PIXFMT_NV12, 65536, 65536, nullptr),
             int64_t{3} << 31);
   EXPECT_EQ(zarvel_frame_inferred_size(0x34325241u, 8, 8, nullptr), -1);
-  const int32_t shapes[][4] = {{0, 3, 8, 8},
-                               {-1, 3, 8, 8},
-                               {kMin, 3, 8, 8},
-                               {kMax, kMax, kMax, kMax},
-                               {1 << 16, 1 << 16, 1 << 16, 1}};
-  for (const auto& s : shapes)
-    EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, s[0], s[1], s[2], s[3]),
-              nullptr);
-  EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, 7u, 1, 1, 1, 1), nullptr);
-  EXPECT_EQ(zarvel_tensor_alloc(3u, ZARVEL_ELEM_S8, 1, 1, 1, 1), nullptr);
+  for (int32_t n : {0, -1, kMin})
+    EXPECT_EQ(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, n, 3, 8, 8), nullptr);
+  EXPECT_TRUE(
+      !zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, kMax, kMax, kMax, kMax) &&
+      !zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1 << 16, 1 << 16, 1 << 16, 1) &&
+      !zarvel_tensor_alloc(ZARVEL_MEM_HOST, 7u, 1, 1, 1, 1) &&
+      !zarvel_tensor_alloc(3u, ZARVEL_ELEM_S8, 1, 1, 1, 1));
   for (int64_t size : {int64_t{-1}, int64_t{1} << 62, INT64_MAX})
     EXPECT_EQ(zarvel_buffer_alloc(size, ZARVEL_MEM_HOST), nullptr);
   EXPECT_EQ(zarvel_buffer_alloc(int64_t{1} << 62, ZARVEL_MEM_DEVICE), nullptr);
@@ -391,7 +371,7 @@ TEST_F(Sweep, FrameLibraryRefusesNullsAndGuardsSizeProducts) {
 
   // Null records: refused, or the documented empty answer; freeing null is a no-op.
   FramePtr grey = frame(ZARVEL_PIXFMT_GREY, 2, 2);
-  TensorPtr t = tensor(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1, 1, 2, 2);
+  TensorPtr t(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1, 1, 2, 2));
   zarvel_frame_t* none = nullptr;
   zarvel_tensor_t* no_tensor = nullptr;
   zarvel_buffer_t* no_buffer = nullptr;
