@@ -37,7 +37,6 @@ TEST(PixelFormat, SizesNamesAndInferredLayouts) {
     int64_t size;
     int32_t out[4];
   } cases[] = {
-      {ZARVEL_PIXFMT_GREY, 5, 3, {}, 15, {5, 0, 0, 0}},
       {ZARVEL_PIXFMT_RGB24, 3, 2, {}, 18, {9, 0, 0, 0}},
       {ZARVEL_PIXFMT_BGR24, 3, 2, {16, 0, 0, 0}, 32, {16, 0, 0, 0}},
       {ZARVEL_PIXFMT_GREY16, 3, 2, {}, 12, {6, 0, 0, 0}},
@@ -45,7 +44,6 @@ TEST(PixelFormat, SizesNamesAndInferredLayouts) {
       {ZARVEL_PIXFMT_NV12, 4, 2, {8, 0, 0, 0}, 24, {8, 8, 0, 0}},
       {ZARVEL_PIXFMT_NV21, 6, 4, {0, 10, 0, 0}, 44, {6, 10, 0, 0}},
       {ZARVEL_PIXFMT_YU12, 4, 2, {}, 12, {4, 2, 2, 0}},
-      {ZARVEL_PIXFMT_YU12, 4, 2, {8, 0, 0, 0}, 24, {8, 4, 4, 0}},
       {ZARVEL_PIXFMT_YU12, 4, 2, {0, 3, 5, 7}, 16, {4, 3, 5, 0}},
       {ZARVEL_PIXFMT_YU12, 8, 4, {12, 0, 7, 0}, 74, {12, 6, 7, 0}},
       // Bad: a row wider than its stride, odd 4:2:0 sizes, a row too wide for int32.
