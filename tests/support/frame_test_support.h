@@ -40,20 +40,11 @@ struct PlaneGeometry {
   int pixel_size, div;
 };
 inline std::vector<PlaneGeometry> planes_of(uint32_t format) {
-  switch (format) {
-    case ZARVEL_PIXFMT_GREY:
-      return {{1, 1}};
-    case ZARVEL_PIXFMT_RGB24:
-    case ZARVEL_PIXFMT_BGR24:
-      return {{3, 1}};
-    case ZARVEL_PIXFMT_NV12:
-    case ZARVEL_PIXFMT_NV21:
-      return {{1, 1}, {2, 2}};
-    case ZARVEL_PIXFMT_YU12:
-      return {{1, 1}, {1, 2}, {1, 2}};
-    default:
-      return {};
-  }
+  if (format == ZARVEL_PIXFMT_GREY) return {{1, 1}};
+  if (format == ZARVEL_PIXFMT_RGB24 || format == ZARVEL_PIXFMT_BGR24) return {{3, 1}};
+  if (format == ZARVEL_PIXFMT_NV12 || format == ZARVEL_PIXFMT_NV21) return {{1, 1}, {2, 2}};
+  if (format == ZARVEL_PIXFMT_YU12) return {{1, 1}, {1, 2}, {1, 2}};
+  return {};
 }
 
 // Sets every byte a host frame's planes span, padding included.

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "frame_api/frame_api.h"
-#include "log_capture.h"
 #include "plugin/cpu_features.h"
+#include "plugin_test_support.h"
 
 namespace zarvel::test {
 
@@ -32,8 +32,7 @@ inline aux::FramePtr to_host(const zarvel_frame_t* dev) {
 
 // A device source makes an operation log these two messages before running on the host.
 inline void expect_device_fallback(LogCapture& log, const std::string& name) {
-  log.expect({{4, "aux", "No device api found, pls rebuild with specific device on!\n"},
-              {0, "aux", "Device api not support, fallback to CPU - [" + name + "]!\n"}});
+  EXPECT_EQ(drain(log), device_fallback(name));
 }
 
 }  // namespace zarvel::test

@@ -1,12 +1,16 @@
-// Output preparation, the shared frame checks and the dispatch sequence, driven through a
-// test slot, with every message captured from the core library's sink.
-#include "plugin/dispatch.h"
-
+// The identity entry points and the banner's exact shape; the processor-feature word and its
+// test mask; output preparation, the shared frame checks and the dispatch sequence, driven
+// through a test slot, with every message captured from the core library's sink. (Concurrent
+// first use of the feature word is covered by the threads test.)
 #include <gtest/gtest.h>
+#include <zarvel/aux.h>
 
+#include <regex>
 #include <string>
 
 #include "frame_api/frame_api.h"
+#include "plugin/cpu_features.h"
+#include "plugin/dispatch.h"
 #include "plugin/status.h"
 #include "plugin_test_support.h"
 
@@ -16,6 +20,35 @@ using zarvel::test::LogCapture;
 using zarvel::test::LogLines;
 
 namespace {
+
+TEST(Identity, NamesVersionAndBanner) {
+  EXPECT_STREQ(__plugin_name(), "zarvel_aux");
+  EXPECT_STREQ(zarvel_aux_version(), "1.4.1");
+  // Static strings: the same pointers on every call.
+  EXPECT_EQ(zarvel_aux_meta(), zarvel_aux_meta());
+  EXPECT_EQ(zarvel_aux_revision(), zarvel_aux_revision());
+  const std::string revision = zarvel_aux_revision();
+  EXPECT_TRUE(std::regex_match(revision, std::regex("[0-9a-f]{40}"))) << revision;
+  // Line by line; the component line's trailing blank is part of it.
+  const std::regex banner(
+      "ZARVEL 1\\.4\\.1\n.+\n\nComponent    : zarvel_aux \nRevision     : " + revision +
+      "\n\nSystem       : \\S+-\\S+\nArchitecture : AMD64\n"
+      "C Compiler   : \\S+ [0-9.]+\nC\\+\\+ Compiler : \\S+ [0-9.]+\n"
+      "Build Config : \\S+\n\nContact      : \\S+@\\S+\n\n");
+  EXPECT_TRUE(std::regex_match(std::string(zarvel_aux_meta()), banner)) << zarvel_aux_meta();
+}
+
+TEST(CpuFeatures, MaskFiltersTheDetectedWord) {
+  const uint32_t all = za::cpu_features();
+  // Each bit implies the narrower ones: FMA-256 needs AVX2, AVX2 needs AVX.
+  EXPECT_TRUE(!(all & za::kCpuAvx2Fma) || (all & za::kCpuAvx2));
+  EXPECT_TRUE(!(all & za::kCpuAvx2) || (all & za::kCpuAvx));
+  EXPECT_EQ(all & ~(za::kCpuAvx | za::kCpuAvx2 | za::kCpuAvx2Fma), 0u);
+  for (uint32_t mask : {0u, za::kCpuAvx, ~0u}) {
+    za::set_cpu_feature_mask(mask);
+    EXPECT_EQ(za::cpu_features(), all & mask);
+  }
+}
 
 constexpr const char* kOp = "zarvel_frame_test_op";
 
@@ -69,27 +102,23 @@ TEST(PrepareOutput, AllocatesOrValidatesTheOutput) {
   log.clear();
 
   // A caller's output must match memory type and format and be at least as large; it is
-  // never freed.
+  // never freed. Each row: format, width, height, memory type.
   auto rgb = alloc(ZARVEL_PIXFMT_RGB24, 8, 8);
-  const struct {
-    uint32_t format;
-    int w, h;
-    uint32_t mem;
-  } given[] = {{ZARVEL_PIXFMT_RGB24, 10, 9, 0},
-               {ZARVEL_PIXFMT_RGB24, 7, 8, 0},
-               {ZARVEL_PIXFMT_RGB24, 8, 7, 0},
-               {ZARVEL_PIXFMT_BGR24, 8, 8, 0},
-               {ZARVEL_PIXFMT_RGB24, 8, 8, 1}};
-  for (const auto& g : given) {
-    auto frame = alloc(g.format, g.w, g.h, g.mem);
+  const uint32_t given[][4] = {{ZARVEL_PIXFMT_RGB24, 10, 9, 0},
+                               {ZARVEL_PIXFMT_RGB24, 7, 8, 0},
+                               {ZARVEL_PIXFMT_RGB24, 8, 7, 0},
+                               {ZARVEL_PIXFMT_BGR24, 8, 8, 0},
+                               {ZARVEL_PIXFMT_RGB24, 8, 8, 1}};
+  for (const auto [format, w, h, mem] : given) {
+    auto frame = alloc(format, w, h, mem);
     zarvel_frame_t* slot = frame.get();
-    const bool fits = g.w == 10;
+    const bool fits = w == 10;
     EXPECT_EQ(za::prepare_output(rgb.get(), &slot, {8, 8}, kOp),
               fits ? za::kOk : za::kInvalidArgument);
     EXPECT_EQ(slot, frame.get());
     const std::string sizes =
-        "width:\t8\t" + std::to_string(g.w) + "\nheight:\t8\t" + std::to_string(g.h) + "\n";
-    EXPECT_EQ(drain(log), fits ? LogLines{} : LogLines{mismatch(g.mem, g.format, sizes)});
+        "width:\t8\t" + std::to_string(w) + "\nheight:\t8\t" + std::to_string(h) + "\n";
+    EXPECT_EQ(drain(log), fits ? LogLines{} : LogLines{mismatch(mem, format, sizes)});
   }
 
   // The same-format check compares format and memory type, not sizes: -4 with the message
