@@ -4,6 +4,7 @@
 
 #include <zarvel/aux.h>
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -32,12 +33,9 @@ struct Input {
   }
   // Mostly a small coordinate or size, sometimes a value at the edges of int32.
   int32_t coord(int32_t lo, int32_t hi) {
-    static constexpr int32_t kExtreme[] = {std::numeric_limits<int32_t>::min(),
-                                           std::numeric_limits<int32_t>::max(), 1 << 24, -(1 << 24),
-                                           1 << 30};
+    static constexpr int32_t kExtreme[] = {INT32_MIN, INT32_MAX, 1 << 24, -(1 << 24), 1 << 30};
     const uint8_t pick = u8();
-    if (pick >= 240) return kExtreme[pick % 5];
-    return range(lo, hi);
+    return pick >= 240 ? kExtreme[pick % 5] : range(lo, hi);
   }
   // Any float, with the special values and large magnitudes over-represented.
   float real(float lo, float hi) {
@@ -47,12 +45,7 @@ struct Input {
         lim::denorm_min(), lim::max()};
     const uint8_t pick = u8();
     if (pick >= 236) return kSpecial[pick % 10];
-    if (pick >= 224) {
-      const uint32_t bits = u32();
-      float f;
-      std::memcpy(&f, &bits, sizeof f);
-      return f;
-    }
+    if (pick >= 224) return std::bit_cast<float>(u32());
     return lo + (hi - lo) * static_cast<float>(u32() % 65536) / 65535.0f;
   }
 };
