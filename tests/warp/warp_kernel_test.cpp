@@ -65,9 +65,8 @@ Matrices test_matrices(int32_t iw, int32_t ih) {
   s.affine.push_back({0.5f, 0.25f, -1.5f, -0.125f, 1.5f, 2.75f});
   // Stretches the input over 17 x 5 outputs: blocks that end at the last column and row.
   s.affine.push_back({(iw - 1) / 16.0f, 0, 0, 0, (ih - 1) / 4.0f, 0});
-  for (const auto& a : s.affine) {
+  for (const auto& a : s.affine)
     s.perspective.push_back({a[0], a[1], a[2], a[3], a[4], a[5], 0.002f, -0.003f, 1.0f});
-  }
   s.perspective.push_back({1, 0, 0, 0, 1, 0, 0, 0, 1});
   // w = 0.1*(x - 4): zero at column 4, negative to its left.
   s.perspective.push_back({1, 0.2f, 0, 0.1f, 1, 0, 0.1f, 0, -0.4f});
