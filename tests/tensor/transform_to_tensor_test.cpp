@@ -53,14 +53,6 @@ TransformToTensorOption option(zarvel_tensor_t* t, uint32_t ct, uint32_t flags, 
           sizes, matrices, {0, 0, 0}, {1, 1, 1}, nullptr, &scratch.slot};
 }
 
-int32_t batch(zarvel_tensor_t* t, uint32_t ct, uint64_t n, zarvel_frame_t** frames,
-              const Area2D* rois, int mode, Scratch& scratch, float* sy = nullptr,
-              float* sx = nullptr, const float* mean = kMean, const float* std = kStd,
-              const float* pads = nullptr) {
-  return zarvel_frame_transform_to_tensor_batch(t, ct, n, frames, rois, mode, mean, std, pads,
-                                                &scratch.slot, sy, sx);
-}
-
 // Item i written the composed way: crop the region, resize it, write it.
 void compose(zarvel_tensor_t* t, int item, uint32_t color_type, zarvel_frame_t* frame, Area2D roi,
              Size2D size, const float* mean, const float* std, const float* pad) {
@@ -106,9 +98,10 @@ TEST(TransformToTensor, FusedEqualsComposed) {
           float sy[3], sx[3];
           Scratch scratch(16);
           const int mode = int(rng() % 2);
-          ASSERT_EQ(batch(views[0].get(), ct, n, frames.data(), rois, mode, scratch, sy, sx, mean,
-                          std, pads),
-                    0);
+          ASSERT_EQ(
+              zarvel_frame_transform_to_tensor_batch(views[0].get(), ct, n, frames.data(), rois,
+                                                     mode, mean, std, pads, &scratch.slot, sy, sx),
+              0);
           auto item = [](int extent, float scale) {
             return std::max(1, static_cast<int>(std::lround(double(extent) / double(scale))));
           };
@@ -193,7 +186,8 @@ TEST(TransformToTensorBatch, ScalesRegionsBatchSizeAndDeviceFrames) {
   float sy[2], sx[2];
   auto run = [&](Area2D roi, int mode, uint64_t count = 1) {
     log.clear();
-    return batch(t.get(), 1, count, frames, &roi, mode, scratch, sy, sx);
+    return zarvel_frame_transform_to_tensor_batch(t.get(), 1, count, frames, &roi, mode, kMean,
+                                                  kStd, nullptr, &scratch.slot, sy, sx);
   };
   ASSERT_EQ(run({0, 0, 200, 100}, 0), 0);
   EXPECT_EQ(std::pair(sy[0], sx[0]), std::pair(2.0f, 2.0f));
