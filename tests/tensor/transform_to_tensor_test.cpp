@@ -162,6 +162,7 @@ TEST(TransformToTensor, RefusalsAndTheirMessages) {
   EXPECT_EQ(last_text(), kExport + "frames' mem type not the same\n");
   EXPECT_NE(run(same, ZARVEL_TRANSFORM_RESIZE | ZARVEL_TRANSFORM_HISTOGRAM), 0);
   EXPECT_EQ(last_text(), "histogram only available in [gray] tensor.\n");
+  EXPECT_EQ(run(same, ZARVEL_TRANSFORM_AFFINE), -1);  // a warp mode without matrices
   // A host scratch buffer with device frames is replaced by a 1024-byte device buffer.
   EXPECT_EQ(run(devices, ZARVEL_TRANSFORM_NONE), 0);
   EXPECT_EQ(zarvel_buffer_mem_type(scratch.slot), ZARVEL_MEM_DEVICE);
