@@ -4,7 +4,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   zarvel_log_set_sink([](void*, const zarvel_log_record_t*, const char*) {}, nullptr);
-  zarvel::fuzz::Input in(data, size);
+  zarvel::fuzz::Input in{data, size};
   const uint8_t pick = in.u8();
   const int32_t format = pick >= 250 ? static_cast<int32_t>(in.u32()) : pick % 4;
   const uint8_t buffer_kind = in.u8();

@@ -18,46 +18,39 @@ zarvel_frame_t* make_output(Input& in, const zarvel_frame_t* src) {
 }
 
 int32_t run_op(Input& in, uint8_t op, zarvel_frame_t* src, zarvel_frame_t** dst) {
-  switch (op % 8) {
-    case 0: {
-      const Area2D area = zarvel::fuzz::area(in);
-      if (!zarvel::fuzz::bounded_size(area.width, area.height)) return 0;
-      return zarvel_frame_crop(src, dst, area);
-    }
-    case 1: {
-      const Size2D size{in.coord(-2, 80), in.coord(-2, 80)};
-      if (!zarvel::fuzz::bounded_size(size.width, size.height)) return 0;
-      return zarvel_frame_resize(src, dst, size);
-    }
-    case 2: {
-      const float ratio = in.real(0.0f, 3.0f);
-      // Ratios that give frames between 256 pixels and the refused sizes are only slow.
-      if (std::isfinite(ratio) && std::fabs(ratio) > 4.0f && std::fabs(ratio) < 1e9f) return 0;
-      return zarvel_frame_scale(src, dst, ratio);
-    }
-    case 3:
-      return zarvel_frame_rotate(src, dst, in.coord(-1, 3));
-    case 4:
-      return zarvel_frame_equalize_hist(src, dst);
-    case 5: {
-      const uint32_t format = zarvel::fuzz::pick_format(in);
-      return zarvel_frame_cvt_color(src, dst, in.u8() == 255 ? in.u32() : format);
-    }
-    default: {
-      float matrix[9];
-      zarvel::fuzz::fill(in, matrix, 9, -3.0f, 3.0f);
-      const float* arg = in.u8() == 255 ? nullptr : matrix;
-      return op % 8 == 6 ? zarvel_frame_warpaffine(src, *dst, arg)
-                         : zarvel_frame_warpperspective(src, *dst, arg);
-    }
+  using zarvel::fuzz::bounded_size;
+  if (op % 8 == 0) {
+    const Area2D area = zarvel::fuzz::area(in);
+    return bounded_size(area.width, area.height) ? zarvel_frame_crop(src, dst, area) : 0;
   }
+  if (op % 8 == 1) {
+    const Size2D size{in.coord(-2, 80), in.coord(-2, 80)};
+    return bounded_size(size.width, size.height) ? zarvel_frame_resize(src, dst, size) : 0;
+  }
+  if (op % 8 == 2) {
+    const float ratio = in.real(0.0f, 3.0f);
+    // Ratios that give frames between 256 pixels and the refused sizes are only slow.
+    if (std::isfinite(ratio) && std::fabs(ratio) > 4.0f && std::fabs(ratio) < 1e9f) return 0;
+    return zarvel_frame_scale(src, dst, ratio);
+  }
+  if (op % 8 == 3) return zarvel_frame_rotate(src, dst, in.coord(-1, 3));
+  if (op % 8 == 4) return zarvel_frame_equalize_hist(src, dst);
+  if (op % 8 == 5) {
+    const uint32_t format = zarvel::fuzz::pick_format(in);
+    return zarvel_frame_cvt_color(src, dst, in.u8() == 255 ? in.u32() : format);
+  }
+  float matrix[9];
+  zarvel::fuzz::fill(in, matrix, 9, -3.0f, 3.0f);
+  const float* arg = in.u8() == 255 ? nullptr : matrix;
+  return op % 8 == 6 ? zarvel_frame_warpaffine(src, *dst, arg)
+                     : zarvel_frame_warpperspective(src, *dst, arg);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   zarvel_log_set_sink([](void*, const zarvel_log_record_t*, const char*) {}, nullptr);
-  Input in(data, size);
+  Input in{data, size};
   const uint8_t op = in.u8();
   zarvel_frame_t* src = zarvel::fuzz::make_frame(in);
   zarvel_frame_t* dst = make_output(in, src);

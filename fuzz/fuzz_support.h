@@ -4,6 +4,7 @@
 
 #include <zarvel/aux.h>
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -16,11 +17,11 @@ namespace zarvel::fuzz {
 using test::visible_bytes;
 
 // Consumes the input front to back; past its end every read gives zeros.
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+struct Input {
+  const uint8_t* data;
+  size_t size, pos = 0;
 
-  uint8_t u8() { return pos_ < size_ ? data_[pos_++] : 0; }
+  uint8_t u8() { return pos < size ? data[pos++] : 0; }
   uint32_t u32() {
     uint32_t v = 0;
     for (int i = 0; i < 4; ++i) v |= uint32_t{u8()} << (8 * i);
@@ -28,17 +29,13 @@ class Input {
   }
   // An integer in [lo, hi].
   int32_t range(int32_t lo, int32_t hi) {
-    const uint32_t span = static_cast<uint32_t>(hi - lo) + 1;
-    return lo + static_cast<int32_t>(u32() % span);
+    return lo + static_cast<int32_t>(u32() % (static_cast<uint32_t>(hi - lo) + 1));
   }
   // Mostly a small coordinate or size, sometimes a value at the edges of int32.
   int32_t coord(int32_t lo, int32_t hi) {
-    static constexpr int32_t kExtreme[] = {std::numeric_limits<int32_t>::min(),
-                                           std::numeric_limits<int32_t>::max(), 1 << 24, -(1 << 24),
-                                           1 << 30};
+    static constexpr int32_t kExtreme[] = {INT32_MIN, INT32_MAX, 1 << 24, -(1 << 24), 1 << 30};
     const uint8_t pick = u8();
-    if (pick >= 240) return kExtreme[pick % 5];
-    return range(lo, hi);
+    return pick >= 240 ? kExtreme[pick % 5] : range(lo, hi);
   }
   // Any float, with the special values and large magnitudes over-represented.
   float real(float lo, float hi) {
@@ -48,19 +45,9 @@ class Input {
         lim::denorm_min(), lim::max()};
     const uint8_t pick = u8();
     if (pick >= 236) return kSpecial[pick % 10];
-    if (pick >= 224) {
-      const uint32_t bits = u32();
-      float f;
-      std::memcpy(&f, &bits, sizeof f);
-      return f;
-    }
+    if (pick >= 224) return std::bit_cast<float>(u32());
     return lo + (hi - lo) * static_cast<float>(u32() % 65536) / 65535.0f;
   }
-
- private:
-  const uint8_t* data_;
-  size_t size_;
-  size_t pos_ = 0;
 };
 
 inline constexpr uint32_t kFormats[] = {
@@ -75,11 +62,10 @@ inline constexpr int32_t kMaxSide = 64;
 // A frame of fuzzed format, size, strides, memory type, possibly a region view of a larger
 // frame, with fuzzed pixels; null when the library refuses the geometry (also fuzzed).
 inline zarvel_frame_t* make_frame(Input& in, uint32_t format) {
-  const int32_t w = in.range(1, kMaxSide);
-  const int32_t h = in.range(1, kMaxSide);
+  // Each declarator's initialiser runs in order.
+  const int32_t w = in.range(1, kMaxSide), h = in.range(1, kMaxSide);
   const bool view = (in.u8() & 3) == 0;
-  const int32_t dx = view ? in.range(0, 8) : 0;
-  const int32_t dy = view ? in.range(0, 8) : 0;
+  const int32_t dx = view ? in.range(0, 8) : 0, dy = view ? in.range(0, 8) : 0;
   int32_t strides[4] = {0, 0, 0, 0};
   if ((in.u8() & 1) != 0) {
     for (int i = 0; i < 4; ++i) {
@@ -144,9 +130,8 @@ inline zarvel_tensor_t* make_tensor(Input& in) {
 // Sizes a run may ask for: small ones, or ones so large that their byte count is refused
 // outright (sizes in between are legal but only make the run slow and large).
 inline bool bounded_size(int32_t w, int32_t h) {
-  if (w <= 0 || h <= 0) return true;
   const int64_t pixels = int64_t{w} * h;
-  return pixels <= 256 * 256 || pixels >= (int64_t{1} << 47);
+  return w <= 0 || h <= 0 || pixels <= 256 * 256 || pixels >= (int64_t{1} << 47);
 }
 
 // Stops the run: libFuzzer reports the input as a crash.

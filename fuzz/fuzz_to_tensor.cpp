@@ -23,9 +23,8 @@ struct ScratchSlot {
   explicit ScratchSlot(Input& in) {
     const uint8_t pick = in.u8();
     use_slot = pick != 255;
-    if (pick >= 128 && pick < 255) {
+    if (pick >= 128 && pick < 255)
       buffer = zarvel_buffer_alloc(in.range(0, 1 << 16), (pick & 7) == 0 ? 1u : 0u);
-    }
   }
   zarvel_buffer_t** slot() { return use_slot ? &buffer : nullptr; }
   ~ScratchSlot() { zarvel_buffer_free(&buffer); }
@@ -52,9 +51,7 @@ int32_t frame_to_tensor(Input& in, zarvel_tensor_t* tensor) {
 int32_t transform_to_tensor(Input& in, zarvel_tensor_t* tensor, bool batch) {
   const uint64_t count = in.range(0, 4);
   Frames frames;
-  for (uint64_t i = 0; i < count; ++i) {
-    frames.list.push_back(zarvel::fuzz::maybe_frame(in));
-  }
+  for (uint64_t i = 0; i < count; ++i) frames.list.push_back(zarvel::fuzz::maybe_frame(in));
   std::vector<Area2D> rois(count);
   std::vector<Size2D> sizes(count);
   std::vector<float> matrices(9 * count + 1);
@@ -84,22 +81,20 @@ int32_t transform_to_tensor(Input& in, zarvel_tensor_t* tensor, bool batch) {
         (nulls & 8) ? nullptr : stats + 3, (nulls & 16) ? nullptr : pads.data(), scratch.slot(),
         (nulls & 32) ? nullptr : scale_y.data(), (nulls & 64) ? nullptr : scale_x.data());
   }
-  TransformToTensorOption option{};
-  option.tensor = tensor;
-  option.color_type = color_type;
   const uint8_t flags = in.u8();
-  option.flags = flags >= 250 ? in.u32() : (flags & 3u) | (flags & 0x30u);
-  option.frame_count = claimed;
-  option.frames = (nulls & 1) ? nullptr : frames.list.data();
-  option.rois = (nulls & 2) ? nullptr : rois.data();
-  option.sizes = (nulls & 4) ? nullptr : sizes.data();
-  option.matrices = (nulls & 8) ? nullptr : matrices.data();
-  for (int c = 0; c < 3; ++c) {
-    option.mean[c] = stats[c];
-    option.std[c] = stats[3 + c];
-  }
-  option.pads = (nulls & 16) ? nullptr : pads.data();
-  option.buffer = scratch.slot();
+  // The elements of a braced initialiser run in order.
+  const TransformToTensorOption option{tensor,
+                                       color_type,
+                                       flags >= 250 ? in.u32() : (flags & 3u) | (flags & 0x30u),
+                                       claimed,
+                                       (nulls & 1) ? nullptr : frames.list.data(),
+                                       (nulls & 2) ? nullptr : rois.data(),
+                                       (nulls & 4) ? nullptr : sizes.data(),
+                                       (nulls & 8) ? nullptr : matrices.data(),
+                                       {stats[0], stats[1], stats[2]},
+                                       {stats[3], stats[4], stats[5]},
+                                       (nulls & 16) ? nullptr : pads.data(),
+                                       scratch.slot()};
   return zarvel_frame_transform_to_tensor((nulls & 32) && (nulls & 64) ? nullptr : &option);
 }
 
@@ -117,23 +112,12 @@ int32_t tensor_to_frames(Input& in, zarvel_tensor_t* tensor) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   zarvel_log_set_sink([](void*, const zarvel_log_record_t*, const char*) {}, nullptr);
-  Input in(data, size);
+  Input in{data, size};
   const uint8_t op = in.u8();
   zarvel_tensor_t* tensor = in.u8() == 255 ? nullptr : zarvel::fuzz::make_tensor(in);
-  switch (op % 4) {
-    case 0:
-      frame_to_tensor(in, tensor);
-      break;
-    case 1:
-      transform_to_tensor(in, tensor, false);
-      break;
-    case 2:
-      transform_to_tensor(in, tensor, true);
-      break;
-    default:
-      tensor_to_frames(in, tensor);
-      break;
-  }
+  if (op % 4 == 0) frame_to_tensor(in, tensor);
+  if (op % 4 == 1 || op % 4 == 2) transform_to_tensor(in, tensor, op % 4 == 2);
+  if (op % 4 == 3) tensor_to_frames(in, tensor);
   zarvel_tensor_free(&tensor);
   return 0;
 }

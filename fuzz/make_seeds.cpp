@@ -24,9 +24,8 @@ std::vector<uint8_t> text(const std::string& s) { return {s.begin(), s.end()}; }
 void encoded_seeds(const fs::path& dir, uint32_t format, const char* name) {
   zarvel_frame_t* frame = zarvel_frame_alloc(ZARVEL_MEM_HOST, format, 5, 3, nullptr, 0);
   if (frame == nullptr) return;
-  for (int64_t i = 0; i < int64_t{frame->stride[0]} * frame->height; ++i) {
+  for (int64_t i = 0; i < int64_t{frame->stride[0]} * frame->height; ++i)
     frame->plane[0][i] = static_cast<uint8_t>(i * 37);
-  }
   const int32_t kinds[] = {ZARVEL_IMAGE_JPEG, ZARVEL_IMAGE_BMP, ZARVEL_IMAGE_PNG};
   const char* endings[] = {"jpg", "bmp", "png"};
   for (int k = 0; k < 3; ++k) {
@@ -49,9 +48,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   const fs::path root = argv[1];
-  for (const char* target : {"fuzz_load", "fuzz_frame_ops", "fuzz_to_tensor", "fuzz_encode"}) {
+  for (const char* target : {"fuzz_load", "fuzz_frame_ops", "fuzz_to_tensor", "fuzz_encode"})
     fs::create_directories(root / target);
-  }
   const fs::path load = root / "fuzz_load";
   encoded_seeds(load, ZARVEL_PIXFMT_GREY, "grey");
   encoded_seeds(load, ZARVEL_PIXFMT_RGB24, "rgb");
@@ -64,9 +62,8 @@ int main(int argc, char** argv) {
   write(load / "dot.gif", {0x47, 0x49, 0x46, 0x38, 0x39, 0x61, 1, 0, 1, 0,    0x80, 0, 0,    0, 0,
                            0,    0xff, 0xff, 0xff, 0x21, 0xf9, 4, 1, 0, 0,    0,    0, 0x2c, 0, 0,
                            0,    0,    1,    0,    1,    0,    0, 2, 2, 0x44, 1,    0, 0x3b});
-  std::vector<uint8_t> hdr = text("#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 2\n");
-  hdr.insert(hdr.end(), {128, 64, 32, 129, 10, 20, 30, 128});
-  write(load / "tiny.hdr", hdr);
+  write(load / "tiny.hdr",
+        text("#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 2\n\x80\x40\x20\x81\x0a\x14\x1e\x80"));
   std::vector<uint8_t> psd = text("8BPS");
   psd.insert(psd.end(), {0, 1, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 1, 0, 0, 0, 2, 0, 8, 0,
                          3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4, 5, 6});
@@ -76,35 +73,10 @@ int main(int argc, char** argv) {
     write(root / "fuzz_frame_ops" / ("op" + std::to_string(op)),
           {static_cast<uint8_t>(op), 0, 17, 9, 1, 0, 0, 200, 1, 16, 12, 0, 0, 1, 2, 3});
   }
+  std::vector<uint8_t> args = {0, 0, 1, 0, 2, 0, 0, 0, 3, 0, 0, 0, 9, 0,
+                               0, 0, 9, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8};
   for (int op = 0; op < 4; ++op) {
-    const std::vector<uint8_t> args = {static_cast<uint8_t>(op),
-                                       0,
-                                       1,
-                                       0,
-                                       2,
-                                       0,
-                                       0,
-                                       0,
-                                       3,
-                                       0,
-                                       0,
-                                       0,
-                                       9,
-                                       0,
-                                       0,
-                                       0,
-                                       9,
-                                       0,
-                                       0,
-                                       0,
-                                       1,
-                                       2,
-                                       3,
-                                       4,
-                                       5,
-                                       6,
-                                       7,
-                                       8};
+    args[0] = static_cast<uint8_t>(op);
     write(root / "fuzz_to_tensor" / ("op" + std::to_string(op)), args);
   }
   for (int format = 1; format <= 3; ++format) {

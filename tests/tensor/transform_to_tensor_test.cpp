@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "frame_api/frame_api.h"
+#include "frame_test_support.h"
 #include "op_test_support.h"
-#include "tensor_test_support.h"
 
 namespace za = zarvel::aux;
 using zarvel::test::LogCapture;
@@ -24,11 +24,16 @@ const std::string kExport = "[zarvel_frame_transform_to_tensor] ";
 
 za::FramePtr random_frame(uint32_t format, int w, int h, std::mt19937& rng,
                           uint32_t mem = ZARVEL_MEM_HOST) {
-  za::FramePtr f(zarvel::test::random_frame(rng, format, w, h));
+  za::FramePtr f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 0));
+  zarvel::test::fill_random(f.get(), rng);
   return mem == ZARVEL_MEM_HOST ? std::move(f) : zarvel::test::to_device(f.get());
 }
 za::TensorPtr tensor(uint32_t elem, int n, int c, int h, int w) {
   return za::TensorPtr(zarvel_tensor_alloc(ZARVEL_MEM_HOST, elem, n, c, h, w));
+}
+std::vector<uint8_t> tensor_bytes(const zarvel_tensor_t* t) {
+  const auto* p = static_cast<const uint8_t*>(zarvel_buffer_raw_pointer(t->buffer));
+  return std::vector<uint8_t>(p, p + zarvel_buffer_size(t->buffer));
 }
 
 // A scratch-buffer slot, freed at the end of the scope.
@@ -48,19 +53,6 @@ TransformToTensorOption option(zarvel_tensor_t* t, uint32_t ct, uint32_t flags, 
           sizes, matrices, {0, 0, 0}, {1, 1, 1}, nullptr, &scratch.slot};
 }
 
-int32_t batch(zarvel_tensor_t* t, uint32_t ct, uint64_t n, zarvel_frame_t** frames,
-              const Area2D* rois, int mode, Scratch& scratch, float* sy = nullptr,
-              float* sx = nullptr, const float* mean = kMean, const float* std = kStd,
-              const float* pads = nullptr) {
-  return zarvel_frame_transform_to_tensor_batch(t, ct, n, frames, rois, mode, mean, std, pads,
-                                                &scratch.slot, sy, sx);
-}
-
-std::vector<uint8_t> tensor_bytes(const zarvel_tensor_t* t) {
-  const auto* p = static_cast<const uint8_t*>(zarvel_buffer_raw_pointer(t->buffer));
-  return std::vector<uint8_t>(p, p + zarvel_buffer_size(t->buffer));
-}
-
 // Item i written the composed way: crop the region, resize it, write it.
 void compose(zarvel_tensor_t* t, int item, uint32_t color_type, zarvel_frame_t* frame, Area2D roi,
              Size2D size, const float* mean, const float* std, const float* pad) {
@@ -74,7 +66,9 @@ void compose(zarvel_tensor_t* t, int item, uint32_t color_type, zarvel_frame_t* 
 }
 
 // Regions inside, partly outside and of one pixel, scaled up and down, with per-item pads,
-// over every colour and element type and both kernel variants.
+// over every colour and element type and both kernel variants, into dense tensors and into
+// strided views of larger ones (rows and items follow the parent's strides, and nothing
+// outside the view changes).
 TEST(TransformToTensor, FusedEqualsComposed) {
   std::mt19937 rng(2024);
   const float mean[3] = {10.0f, 120.5f, 200.0f}, std[3] = {50.0f, 60.0f, 0.5f};
@@ -87,11 +81,16 @@ TEST(TransformToTensor, FusedEqualsComposed) {
         for (int round = 0; round < 6; ++round) {
           const int fw = 20 + int(rng() % 60), fh = 10 + int(rng() % 50);
           auto frame = random_frame(formats[rng() % (ct == 2 ? 3 : 2)], fw, fh, rng);
-          const int n = 3, H = 8 + int(rng() % 30), W = 8 + int(rng() % 30);
-          auto fused = tensor(elem, n, ct == 2 ? 1 : 3, H, W);
-          auto composed = tensor(elem, n, ct == 2 ? 1 : 3, H, W);
+          const int n = 3, H = 8 + int(rng() % 30), W = 8 + int(rng() % 30), v = round % 2;
+          const int32_t start[4] = {v, 0, 3 * v, 5 * v}, shape[4] = {n, ct == 2 ? 1 : 3, H, W};
+          za::TensorPtr parents[2], views[2];
+          for (int k = 0; k < 2; ++k) {
+            parents[k] = tensor(elem, n + v, shape[1], H + 3 * v, W + 5 * v);
+            std::memset(zarvel_buffer_raw_pointer(parents[k]->buffer), 0x5A,
+                        zarvel_buffer_size(parents[k]->buffer));
+            views[k].reset(zarvel_tensor_roi(parents[k].get(), start, shape));
+          }
           std::vector<zarvel_frame_t*> frames(n, frame.get());
-          // Inside, partly outside, and a 1-pixel region.
           const Area2D rois[3] = {
               {int(rng() % 10), int(rng() % 5), 1 + int(rng() % 10), 1 + int(rng() % 5)},
               {-5 + int(rng() % 10), fh - 6, 8 + int(rng() % 50), 12},
@@ -99,18 +98,19 @@ TEST(TransformToTensor, FusedEqualsComposed) {
           float sy[3], sx[3];
           Scratch scratch(16);
           const int mode = int(rng() % 2);
-          ASSERT_EQ(batch(fused.get(), ct, n, frames.data(), rois, mode, scratch, sy, sx, mean, std,
-                          pads),
-                    0);
+          ASSERT_EQ(
+              zarvel_frame_transform_to_tensor_batch(views[0].get(), ct, n, frames.data(), rois,
+                                                     mode, mean, std, pads, &scratch.slot, sy, sx),
+              0);
           auto item = [](int extent, float scale) {
             return std::max(1, static_cast<int>(std::lround(double(extent) / double(scale))));
           };
           for (int i = 0; i < n; ++i) {
-            compose(composed.get(), i, ct, frame.get(), rois[i],
+            compose(views[1].get(), i, ct, frame.get(), rois[i],
                     {item(rois[i].width, sx[i]), item(rois[i].height, sy[i])}, mean, std,
                     &pads[3 * i]);
           }
-          ASSERT_EQ(tensor_bytes(fused.get()), tensor_bytes(composed.get()))
+          ASSERT_EQ(tensor_bytes(parents[0].get()), tensor_bytes(parents[1].get()))
               << "colour " << ct << " elem " << elem << " mode " << mode << " round " << round;
         }
       }
@@ -141,11 +141,6 @@ TEST(TransformToTensor, PlainResizeModeMatchesComposedAndCountZeroWritesNothing)
   EXPECT_EQ(tensor_bytes(untouched.get()), std::vector<uint8_t>(16 * 16 * 3 * 2 * 4, 0));
 }
 
-std::string last_text(const LogCapture& log) {
-  const auto m = log.messages();
-  return m.empty() ? "" : m.back().text;
-}
-
 TEST(TransformToTensor, RefusalsAndTheirMessages) {
   std::mt19937 rng(3);
   LogCapture log;
@@ -162,13 +157,12 @@ TEST(TransformToTensor, RefusalsAndTheirMessages) {
     auto o = option(t.get(), 1, flags, 2, frames, rois, sizes, scratch);
     return zarvel_frame_transform_to_tensor(&o);
   };
-  EXPECT_EQ(zarvel_frame_transform_to_tensor(nullptr), -1);
+  auto last_text = [&] { return log.messages().empty() ? "" : log.messages().back().text; };
   EXPECT_EQ(run(mixed, ZARVEL_TRANSFORM_RESIZE), -1);
-  EXPECT_EQ(last_text(log), kExport + "frames' mem type not the same\n");
+  EXPECT_EQ(last_text(), kExport + "frames' mem type not the same\n");
   EXPECT_NE(run(same, ZARVEL_TRANSFORM_RESIZE | ZARVEL_TRANSFORM_HISTOGRAM), 0);
-  EXPECT_EQ(last_text(log), "histogram only available in [gray] tensor.\n");
-  EXPECT_EQ(run(same, ZARVEL_TRANSFORM_AFFINE), -1);  // no matrices
-  EXPECT_EQ(run(same, 7), -1);
+  EXPECT_EQ(last_text(), "histogram only available in [gray] tensor.\n");
+  EXPECT_EQ(run(same, ZARVEL_TRANSFORM_AFFINE), -1);  // a warp mode without matrices
   // A host scratch buffer with device frames is replaced by a 1024-byte device buffer.
   EXPECT_EQ(run(devices, ZARVEL_TRANSFORM_NONE), 0);
   EXPECT_EQ(zarvel_buffer_mem_type(scratch.slot), ZARVEL_MEM_DEVICE);
@@ -182,7 +176,8 @@ TEST(TransformToTensor, RefusalsAndTheirMessages) {
 
 // 200x100 into 100x100: scales 2, 2 keeping the aspect, 1, 2 stretched. A region wholly
 // outside is refused, one partly outside accepted; more frames than items fail silently.
-TEST(TransformToTensorBatch, ScalesRegionsAndBatchSize) {
+// Device frames are downloaded with a note and give the host frames' items.
+TEST(TransformToTensorBatch, ScalesRegionsBatchSizeAndDeviceFrames) {
   std::mt19937 rng(11);
   LogCapture log;
   auto frame = random_frame(ZARVEL_PIXFMT_RGB24, 300, 200, rng);
@@ -192,7 +187,8 @@ TEST(TransformToTensorBatch, ScalesRegionsAndBatchSize) {
   float sy[2], sx[2];
   auto run = [&](Area2D roi, int mode, uint64_t count = 1) {
     log.clear();
-    return batch(t.get(), 1, count, frames, &roi, mode, scratch, sy, sx);
+    return zarvel_frame_transform_to_tensor_batch(t.get(), 1, count, frames, &roi, mode, kMean,
+                                                  kStd, nullptr, &scratch.slot, sy, sx);
   };
   ASSERT_EQ(run({0, 0, 200, 100}, 0), 0);
   EXPECT_EQ(std::pair(sy[0], sx[0]), std::pair(2.0f, 2.0f));
@@ -204,24 +200,13 @@ TEST(TransformToTensorBatch, ScalesRegionsAndBatchSize) {
       {{4, "aux", "[zarvel_frame_transform_to_tensor_batch] invalid roi: {-10, -10, 5, 5}\n"}});
   EXPECT_EQ(run({0, 0, 200, 100}, 0, 2), -1);
   EXPECT_TRUE(log.messages().empty());
-}
 
-TEST(TransformToTensorBatch, DeviceFramesAreDownloadedWithANote) {
-  std::mt19937 rng(12);
-  auto host = random_frame(ZARVEL_PIXFMT_BGR24, 50, 40, rng);
-  auto dev = zarvel::test::to_device(host.get());
-  auto a = tensor(ZARVEL_ELEM_F32, 1, 3, 20, 20), b = tensor(ZARVEL_ELEM_F32, 1, 3, 20, 20);
-  const float mean[3] = {1, 2, 3}, std[3] = {4, 5, 6};
-  const Area2D roi = {-5, 7, 40, 50};
-  Scratch scratch;
-  zarvel_frame_t* frames[2] = {host.get(), dev.get()};
-  LogCapture log;
-  for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(
-        batch((i ? b : a).get(), 0, 1, &frames[i], &roi, 0, scratch, nullptr, nullptr, mean, std),
-        0);
-  }
-  EXPECT_EQ(tensor_bytes(a.get()), tensor_bytes(b.get()));
+  ASSERT_EQ(run({-5, 7, 40, 50}, 0), 0);
+  const std::vector<uint8_t> host_item = tensor_bytes(t.get());
+  auto dev = zarvel::test::to_device(frame.get());
+  frames[0] = dev.get();
+  ASSERT_EQ(run({-5, 7, 40, 50}, 0), 0);
+  EXPECT_EQ(tensor_bytes(t.get()), host_item);
   EXPECT_EQ(zarvel_buffer_mem_type(scratch.slot), ZARVEL_MEM_DEVICE);
   ASSERT_FALSE(log.messages().empty());
   EXPECT_NE(log.messages()[0].text.find("time\xEF\xBC\x8Cspace and bandwidth"), std::string::npos);
@@ -248,9 +233,15 @@ TEST(TransformToTensor, ChannelNormAndHistogram) {
   Scratch scratch(8);
   const uint32_t norm = ZARVEL_TRANSFORM_RESIZE | ZARVEL_TRANSFORM_CHANNEL_NORM;
   auto colour = tensor(ZARVEL_ELEM_F32, 1, 3, 15, 20), grey = tensor(ZARVEL_ELEM_F32, 1, 1, 15, 20);
-  auto o = option(colour.get(), 1, norm, 1, frames, &roi, &size, scratch);
-  ASSERT_EQ(zarvel_frame_transform_to_tensor(&o), 0);
-  expect_normalised(colour.get());
+  // The statistics follow the frame's byte order.
+  auto bgr = random_frame(ZARVEL_PIXFMT_BGR24, 64, 48, rng);
+  zarvel_frame_t* bgr_frames[1] = {bgr.get()};
+  auto o = option(colour.get(), 1, norm, 1, bgr_frames, &roi, &size, scratch);
+  for (zarvel_frame_t** f : {frames, bgr_frames}) {
+    o.frames = f;
+    ASSERT_EQ(zarvel_frame_transform_to_tensor(&o), 0);
+    expect_normalised(colour.get());
+  }
 
   // Grey tensor from a colour frame, equalised, then normalised: the conversion is logged.
   LogCapture log;
