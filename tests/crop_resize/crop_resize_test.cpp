@@ -223,4 +223,42 @@ TEST(CropResize, Messages) {
              "aux");
 }
 
+// Crops against a per-plane model: inside the source, its bytes; outside, black luma and
+// colour, neutral chroma, or (into a given output) the given bytes left as they were.
+TEST(Crop, RegionsInsideAndOutsideTheFrame) {
+  struct Case {
+    uint32_t format;
+    int w, h;
+    Area2D area;
+    bool given;
+  } cases[] = {{ZARVEL_PIXFMT_NV12, 16, 12, {4, 2, 8, 6}, false},
+               {ZARVEL_PIXFMT_NV12, 16, 8, {12, -2, 8, 6}, false},
+               {ZARVEL_PIXFMT_YU12, 16, 8, {-4, 4, 8, 6}, false},
+               {ZARVEL_PIXFMT_RGB24, 5, 4, {-2, 1, 4, 3}, false},
+               {ZARVEL_PIXFMT_RGB24, 6, 6, {4, 4, 4, 4}, true}};
+  for (const Case& c : cases) {
+    auto src = make(c.format, c.w, c.h);
+    za::FramePtr given(zarvel_frame_alloc(0, c.format, c.area.width, c.area.height, nullptr, 0));
+    fill_planes(given.get(), 0x5A);
+    zarvel_frame_t* out = c.given ? given.get() : nullptr;
+    ASSERT_EQ(zarvel_frame_crop(src.get(), &out, c.area), 0);
+    za::FramePtr owned(c.given ? nullptr : out);
+    const auto planes = planes_of(c.format);
+    for (size_t i = 0; i < planes.size(); ++i) {
+      const auto [p, d] = planes[i];
+      const uint8_t background = c.given ? 0x5A : i > 0 ? 128 : 0;
+      for (int y = 0; y < c.area.height / d; ++y) {
+        for (int x = 0; x < c.area.width / d * p; ++x) {
+          const int sy = y + c.area.y / d, sx = x + c.area.x / d * p;
+          const bool inside = sy >= 0 && sy < c.h / d && sx >= 0 && sx < c.w / d * p;
+          ASSERT_EQ(out->plane[i][y * out->stride[i] + x],
+                    inside ? src->plane[i][sy * src->stride[i] + sx] : background)
+              << c.format << " " << c.area.x << "," << c.area.y << " plane " << i << " at " << x
+              << "," << y;
+        }
+      }
+    }
+  }
+}
+
 }  // namespace
