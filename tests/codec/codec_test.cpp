@@ -3,17 +3,19 @@
 // through the buffer, the file and the loader, from host and device memory, whole frames and
 // views; file name endings; refusals with their messages; writer failures. Then truncated,
 // corrupted and hostile files of every written format.
+#include "codec/codec.h"
+
 #include <gtest/gtest.h>
 #include <zarvel/aux.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "codec/codec.h"
 #include "codec_test_support.h"
 #include "frame_test_support.h"
 #include "op_test_support.h"
@@ -36,30 +38,28 @@ std::vector<uint8_t> samples(size_t n, int seed) {
 // high bytes.
 TEST(CodecLoad, ChannelTableFromMemoryAndFile) {
   ScratchDir dir;
-  const struct {
-    int color_type, channels, depth;
-    uint32_t format;
-  } cases[] = {{0, 1, 8, ZARVEL_PIXFMT_GREY},
-               {4, 2, 8, ZARVEL_PIXFMT_GREY},
-               {2, 3, 8, ZARVEL_PIXFMT_RGB24},
-               {6, 4, 8, ZARVEL_PIXFMT_RGB24},
-               {2, 3, 16, ZARVEL_PIXFMT_RGB24}};
-  for (const auto& c : cases) {
-    const int keep = c.format == ZARVEL_PIXFMT_GREY ? 1 : 3, bytes = c.depth / 8;
+  // PNG colour type, channels, bit depth, frame format.
+  for (const auto [type, channels, depth, format] :
+       {std::array<uint32_t, 4>{0, 1, 8, ZARVEL_PIXFMT_GREY},
+        {4, 2, 8, ZARVEL_PIXFMT_GREY},
+        {2, 3, 8, ZARVEL_PIXFMT_RGB24},
+        {6, 4, 8, ZARVEL_PIXFMT_RGB24},
+        {2, 3, 16, ZARVEL_PIXFMT_RGB24}}) {
+    const int keep = format == ZARVEL_PIXFMT_GREY ? 1 : 3, bytes = depth / 8;
     for (auto [w, h] : {std::pair{1, 1}, std::pair{7, 5}, std::pair{33, 2}}) {
-      SCOPED_TRACE(testing::Message() << c.channels << "x" << c.depth << " " << w << "x" << h);
-      const auto s = samples(size_t(w) * h * c.channels * bytes, c.channels * 10 + w);
+      SCOPED_TRACE(testing::Message() << channels << "x" << depth << " " << w << "x" << h);
+      const auto s = samples(size_t(w) * h * channels * bytes, channels * 10 + w);
       std::vector<uint8_t> want;
-      for (size_t i = 0; i < s.size(); i += c.channels * bytes)
+      for (size_t i = 0; i < s.size(); i += channels * bytes)
         for (int k = 0; k < keep; ++k) want.push_back(s[i + k * bytes]);
-      const auto png = make_png(w, h, c.color_type, c.depth, s);
+      const auto png = make_png(w, h, type, depth, s);
       write_file(dir.file("in.png"), png);
       LogCapture log;
       const FramePtr frames[] = {decode(png),
                                  FramePtr(zarvel_frame_load(dir.file("in.png").c_str()))};
       for (const FramePtr& f : frames) {
         ASSERT_NE(f, nullptr);
-        EXPECT_TRUE(f->format == c.format && f->width == w && f->stride[0] == w * keep);
+        EXPECT_TRUE(f->format == format && f->width == w && f->stride[0] == w * keep);
         EXPECT_EQ(visible_bytes(f.get()), want);
       }
       EXPECT_EQ(drain(log), LogLines{});
@@ -244,26 +244,22 @@ TEST(CodecEncode, RefusesBadFormatsFramesAndBuffersAndReplacesWhatABufferHeld) {
   zarvel_buffer_t* host = zarvel_buffer_alloc(7, ZARVEL_MEM_HOST);
   zarvel_buffer_t* device = zarvel_buffer_alloc(7, ZARVEL_MEM_DEVICE);
   zarvel_buffer_set(host, 0x5A);
-  const std::string bad_format = "4 aux Unsupported save format, only support JPG/BMP/PNG\n";
-  const std::string bad_buffer = "4 aux Invalid buffer, expect a zarvel_buffer with HOST memory!\n";
-  const struct {
-    zarvel_frame_t* frame;
-    int32_t format;
-    zarvel_buffer_t* buffer;
-    int32_t status;
-    std::string message;
-  } cases[] = {{src.get(), 0, host, -1000, bad_format},
-               {src.get(), 4, host, -1000, bad_format},
-               {nullptr, 0, nullptr, -1000, bad_format},
-               {nullptr, kPng, host, -1, "4 aux Invalid input frame!\n"},
-               {src.get(), kPng, nullptr, -1, bad_buffer},
-               {src.get(), kJpeg, device, -1, bad_buffer}};
   LogCapture log;
-  for (const auto& c : cases) {
-    EXPECT_EQ(zarvel_frame_encode(c.frame, c.format, c.buffer), c.status) << c.message;
-    EXPECT_EQ(failures(log), LogLines{c.message});
+  const auto refused = [&](zarvel_frame_t* frame, int32_t format, zarvel_buffer_t* buffer,
+                           int32_t status, const std::string& message) {
+    EXPECT_EQ(zarvel_frame_encode(frame, format, buffer), status) << message;
+    EXPECT_EQ(failures(log), LogLines{"4 aux " + message + "\n"});
     EXPECT_EQ(zarvel_buffer_size(host), 7);
     EXPECT_EQ(*static_cast<uint8_t*>(zarvel_buffer_raw_pointer(host)), 0x5A);
+  };
+  for (const int32_t format : {0, 4}) {
+    refused(src.get(), format, host, -1000, "Unsupported save format, only support JPG/BMP/PNG");
+  }
+  refused(nullptr, 0, nullptr, -1000, "Unsupported save format, only support JPG/BMP/PNG");
+  refused(nullptr, kPng, host, -1, "Invalid input frame!");
+  for (zarvel_buffer_t* buffer : {static_cast<zarvel_buffer_t*>(nullptr), device}) {
+    refused(src.get(), kPng, buffer, -1,
+            "Invalid buffer, expect a zarvel_buffer with HOST memory!");
   }
   const std::vector<uint8_t> fresh = encode(src.get(), kJpeg);
   for (int64_t held : {int64_t{3}, int64_t{1} << 20}) {

@@ -60,25 +60,21 @@ uint8_t grey_of(int r, int g, int b) {
 
 // ---- the plane loops ----
 
-struct Variant {
-  const char* name;
-  uint32_t mask;  // feature mask that selects this variant
-  uint32_t needs;
-};
-constexpr Variant kScalar = {"scalar", 0u, 0u};
-constexpr Variant kNarrow = {"sse41", za::kCpuAvx | za::kCpuAvx2, za::kCpuAvx2};
-constexpr Variant kWide = {"avx2", ~0u, za::kCpuAvx2Fma};
+// The feature masks that select each variant: the plain loops, the 128-bit YU12 path (AVX2
+// without the FMA level), and the 256-bit paths.
+constexpr uint32_t kScalar = 0u, kNarrow = za::kCpuAvx | za::kCpuAvx2, kWide = ~0u;
 
-bool available(const Variant& v) {
+bool available(uint32_t variant) {
   za::set_cpu_feature_mask(~0u);
-  return (za::cpu_features() & v.needs) == v.needs;
+  const uint32_t needs = variant == kWide ? za::kCpuAvx2Fma : variant & za::kCpuAvx2;
+  return (za::cpu_features() & needs) == needs;
 }
 
 using Op = std::function<void(uint8_t*)>;
 
-// Runs `op(out)` on an n-byte output pre-filled with a sentinel, with only `v` enabled.
-std::vector<uint8_t> run_as(const Variant& v, size_t n, const Op& op) {
-  FeatureMask features(v.mask);
+// Runs `op(out)` on an n-byte output pre-filled with a sentinel, with only `variant` enabled.
+std::vector<uint8_t> run_as(uint32_t variant, size_t n, const Op& op) {
+  FeatureMask features(variant);
   std::vector<uint8_t> out(n, 0x5a);
   op(out.data());
   return out;
@@ -109,7 +105,7 @@ Yuv420 make_yuv(Chroma chroma, int w, int h, const std::vector<uint8_t>& y,
   return f;
 }
 
-std::vector<uint8_t> to_rgb(const Yuv420& f, Chroma chroma, bool bgr, const Variant& variant,
+std::vector<uint8_t> to_rgb(const Yuv420& f, Chroma chroma, bool bgr, uint32_t variant,
                             int dst_pad = 0) {
   const int dst_stride = 3 * f.w + dst_pad;
   return run_as(variant, static_cast<size_t>(dst_stride) * f.h, [&](uint8_t* out) {
@@ -122,7 +118,7 @@ std::vector<uint8_t> to_rgb(const Yuv420& f, Chroma chroma, bool bgr, const Vari
 // The YUV -> RGB cases: every variant, layout and channel order that has its own code. u_step
 // 1 checks every (Y, U, V) triple; the others share the arithmetic and sample U.
 struct YuvCase {
-  Variant variant;
+  uint32_t variant;
   Chroma chroma;
   bool bgr;
   int u_step;
@@ -157,7 +153,8 @@ TEST(ColorKernels, YuvToRgbForEveryTriple) {
       if (uu % c.u_step != 0 || !available(c.variant)) continue;
       const Yuv420 f = make_yuv(c.chroma, kW, kH, y, u, v);
       ASSERT_EQ(to_rgb(f, c.chroma, c.bgr, kScalar), to_rgb(f, c.chroma, c.bgr, c.variant))
-          << c.variant.name << " layout " << int(c.chroma) << " bgr " << c.bgr << " U " << uu;
+          << "variant " << c.variant << " layout " << int(c.chroma) << " bgr " << c.bgr << " U "
+          << uu;
     }
   }
 }
@@ -262,7 +259,7 @@ TEST(ColorKernels, VectorPathsMatchScalarOverShapesAndStrides) {
           const Yuv420 f = make_yuv(c.chroma, w, h, y, u, v, pad);
           ASSERT_EQ(to_rgb(f, c.chroma, c.bgr, kScalar, pad),
                     to_rgb(f, c.chroma, c.bgr, c.variant, pad))
-              << c.variant.name << " layout " << int(c.chroma);
+              << "variant " << c.variant << " layout " << int(c.chroma);
         }
         if (!available(kWide)) continue;
         const std::vector<Op> ops = plane_ops(src.data(), w, h, pad);
@@ -279,8 +276,8 @@ TEST(ColorKernels, VectorPathsMatchScalarOverShapesAndStrides) {
 // Every plane exactly two rows (one chroma row) long, ending at a guard page.
 TEST(ColorKernels, VectorRowsStayInsideTheirRows) {
   if (!available(kWide)) GTEST_SKIP();
-  for (const Variant& variant : {kWide, kNarrow}) {
-    FeatureMask features(variant.mask);
+  for (const uint32_t variant : {kWide, kNarrow}) {
+    FeatureMask features(variant);
     for (int w = 2; w <= 48; w += 2) {
       GuardedBuffer y(2 * w), uv(w), u(w / 2), v(w / 2), rgb(6 * w), rgb2(6 * w), grey(2 * w);
       zc::yuv420_to_rgb(Chroma::kNv12, y.data(), w, uv.data(), w, nullptr, 0, rgb.data(), 3 * w, w,
@@ -343,33 +340,26 @@ za::FramePtr expected(const zarvel_frame_t* s, uint32_t dst_format) {
   za::FramePtr d = alloc(dst_format, s->width, s->height);
   for (int r = 0; r < s->height; ++r) {
     for (int c = 0; c < s->width; ++c) {
-      Rgb rgb{};
-      int y = 0, u = 128, v = 128;
+      // The source pixel as RGB and as Y, U, V (grey has neutral chroma).
+      const uint8_t y0 = *at(s, 0, r, c);
+      Rgb rgb = {y0, y0, y0}, yuv_px = {y0, 128, 128};
       if (yuv(s->format)) {
-        y = *at(s, 0, r, c);
-        u = *u_at(s, r, c);
-        v = *v_at(s, r, c);
-        rgb = yuv_to_rgb(y, u, v);
+        yuv_px = {y0, *u_at(s, r, c), *v_at(s, r, c)};
+        rgb = yuv_to_rgb(y0, yuv_px[1], yuv_px[2]);
       } else if (packed(s->format)) {
         rgb = rgb_at(s, r, c);
-        y = luma_of(rgb[0], rgb[1], rgb[2]);
-        u = u_of(rgb[0], rgb[1], rgb[2]);
-        v = v_of(rgb[0], rgb[1], rgb[2]);
-      } else {  // grey
-        y = *at(s, 0, r, c);
-        rgb = {static_cast<uint8_t>(y), static_cast<uint8_t>(y), static_cast<uint8_t>(y)};
+        yuv_px = {luma_of(rgb[0], rgb[1], rgb[2]), u_of(rgb[0], rgb[1], rgb[2]),
+                  v_of(rgb[0], rgb[1], rgb[2])};
       }
       if (packed(dst_format)) {
         put_rgb(d.get(), r, c, rgb);
-      } else if (dst_format == kGrey) {
-        *at(d.get(), 0, r, c) =
-            packed(s->format) ? grey_of(rgb[0], rgb[1], rgb[2]) : static_cast<uint8_t>(y);
-      } else {
-        *at(d.get(), 0, r, c) = static_cast<uint8_t>(y);
-        if (r % 2 == 0 && c % 2 == 0) {  // chroma from the top-left pixel of each block
-          *u_at(d.get(), r, c) = static_cast<uint8_t>(u);
-          *v_at(d.get(), r, c) = static_cast<uint8_t>(v);
-        }
+        continue;
+      }
+      const bool weighted = dst_format == kGrey && packed(s->format);
+      *at(d.get(), 0, r, c) = weighted ? grey_of(rgb[0], rgb[1], rgb[2]) : yuv_px[0];
+      if (dst_format != kGrey && r % 2 == 0 && c % 2 == 0) {  // chroma of each block's top left
+        *u_at(d.get(), r, c) = yuv_px[1];
+        *v_at(d.get(), r, c) = yuv_px[2];
       }
     }
   }
