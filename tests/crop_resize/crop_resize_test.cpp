@@ -1,7 +1,7 @@
 // The bilinear resampler and zarvel_frame_crop, zarvel_frame_resize and zarvel_frame_scale:
 // hand-checked weights and rounding, an independent per-pixel model with every kernel variant
 // against it over many shapes, strides and alignments; plane handling per format, background
-// fill, statuses and messages through the public entry points.
+// fill and the family's messages through the public entry points.
 #include <gtest/gtest.h>
 #include <zarvel/aux.h>
 
@@ -18,7 +18,6 @@
 #include "guarded_buffer.h"
 #include "op_test_support.h"
 #include "ops/crop_resize/resample.h"
-#include "ops/crop_resize/resample_kernels.h"
 
 namespace rs = zarvel::aux::resample;
 namespace za = zarvel::aux;
@@ -128,28 +127,6 @@ TEST(Resample, VariantsMatchTheModelOverShapesStridesAndAlignments) {
   }
 }
 
-// The vector rows alone, on lengths around their block sizes and on extreme sums.
-TEST(Resample, VerticalVectorRowEqualsScalarRow) {
-  if (!(za::cpu_features() & za::kCpuAvx2)) GTEST_SKIP() << "no AVX2 on this processor";
-  std::mt19937 rng(99);
-  for (int n = 1; n <= 100; ++n) {
-    std::vector<int16_t> s0(n), s1(n);
-    for (int j = 0; j < n; ++j) {
-      s0[j] = static_cast<int16_t>(rng() % 32641);
-      s1[j] = j % 3 == 0 ? 32640 : static_cast<int16_t>(rng() % 32641);
-    }
-    for (int b1 : {0, 1, 1023, 1024, 2047, 2048}) {
-      std::vector<uint8_t> a(n, 1), b(n, 2);
-      const int done = rs::vresample_row_avx2(s0.data(), s1.data(), 2048 - b1, b1, a.data(), n);
-      EXPECT_EQ(done, n >= 32 ? n : 0);
-      rs::vresample_row_c(s0.data() + done, s1.data() + done, 2048 - b1, b1, a.data() + done,
-                          n - done);
-      rs::vresample_row_c(s0.data(), s1.data(), 2048 - b1, b1, b.data(), n);
-      ASSERT_EQ(a, b) << n << " " << b1;
-    }
-  }
-}
-
 za::FramePtr make(uint32_t format, int w, int h, int seed = 3) {
   za::FramePtr f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 0));
   fill_pattern(f.get(), seed);
@@ -177,7 +154,9 @@ void expect_planes_resized(const zarvel_frame_t* src, const zarvel_frame_t* out,
   }
 }
 
-TEST(Resize, EveryFormatResizesPlaneByPlane) {
+// Every format plane by plane, up and down. A larger given output receives the top-left
+// corner only; 101x51 scaled by 0.5 is 50x25.
+TEST(Resize, EveryFormatPlaneByPlaneGivenOutputsAndScale) {
   for (uint32_t format : {ZARVEL_PIXFMT_GREY, ZARVEL_PIXFMT_RGB24, ZARVEL_PIXFMT_BGR24,
                           ZARVEL_PIXFMT_NV12, ZARVEL_PIXFMT_NV21, ZARVEL_PIXFMT_YU12}) {
     for (auto [w, h, ow, oh] : {std::array{38, 26, 22, 30}, {40, 20, 16, 36}}) {
@@ -187,25 +166,6 @@ TEST(Resize, EveryFormatResizesPlaneByPlane) {
       ASSERT_NO_FATAL_FAILURE(expect_planes_resized(src.get(), out.get(), ow, oh));
     }
   }
-}
-
-TEST(Resize, DeviceFramesGiveTheHostBytes) {
-  for (uint32_t format : {ZARVEL_PIXFMT_RGB24, ZARVEL_PIXFMT_NV12}) {
-    auto host = make(format, 30, 18);
-    auto dev = to_device(host.get());
-    dev->meta_word0 = 9;
-    LogCapture log;
-    auto dev_out = resized(dev.get(), {14, 40});
-    expect_device_fallback(log, "zarvel_frame_resize");
-    ASSERT_EQ(zarvel_frame_mem_type(dev_out.get()), ZARVEL_MEM_DEVICE);
-    EXPECT_EQ(dev_out->meta_word0, 9u);
-    EXPECT_EQ(visible_bytes(to_host(dev_out.get()).get()),
-              visible_bytes(resized(host.get(), {14, 40}).get()));
-  }
-}
-
-// A larger given output receives the top-left corner; 101x51 scaled by 0.5 is 50x25.
-TEST(Resize, GivenOutputsAndScale) {
   auto src = make(ZARVEL_PIXFMT_GREY, 20, 10);
   za::FramePtr given(zarvel_frame_alloc(0, ZARVEL_PIXFMT_GREY, 9, 8, nullptr, 0));
   fill_planes(given.get(), 0xEE);
@@ -223,33 +183,44 @@ TEST(Resize, GivenOutputsAndScale) {
   expect_planes_resized(rgb.get(), out, 50, 25);
 }
 
-TEST(Resize, RatioOneCopiesWithANote) {
+TEST(Resize, DeviceFramesGiveTheHostBytes) {
+  auto host = make(ZARVEL_PIXFMT_NV12, 30, 18);
+  auto dev = to_device(host.get());
+  LogCapture log;
+  auto dev_out = resized(dev.get(), {14, 40});
+  expect_device_fallback(log, "zarvel_frame_resize");
+  ASSERT_EQ(zarvel_frame_mem_type(dev_out.get()), ZARVEL_MEM_DEVICE);
+  EXPECT_EQ(visible_bytes(to_host(dev_out.get()).get()),
+            visible_bytes(resized(host.get(), {14, 40}).get()));
+}
+
+// The family's own messages: the ratio-1 copy, refused sizes and ratios (the sweep checks
+// every bad one, and the output checks a mismatched output), a crop region without overlap
+// (the output the call allocated is freed) and a format the host resampler does not know
+// (status 0).
+TEST(CropResize, Messages) {
   LogCapture log;
   auto src = make(ZARVEL_PIXFMT_YU12, 12, 8);
   EXPECT_EQ(visible_bytes(resized(src.get(), {12, 8}).get()), visible_bytes(src.get()));
+  zarvel_frame_t* out = nullptr;
+  EXPECT_EQ(zarvel_frame_resize(src.get(), &out, {0, 4}), -1);
+  EXPECT_EQ(zarvel_frame_scale(src.get(), &out, 3e9f), -1);
+  za::FramePtr deep(zarvel_frame_alloc(0, ZARVEL_PIXFMT_GREY16, 6, 4, nullptr, 0));
+  resized(deep.get(), {3, 2});
   log.expect({{0, "aux",
                "[zarvel_frame_resize] Scale ratio is 1, degrade to zarvel_frame_copy to speed "
-               "up.\n"}});
-}
-
-TEST(Resize, FailuresAndTheUnsupportedFormat) {
-  LogCapture log;
-  auto src = make(ZARVEL_PIXFMT_RGB24, 8, 8), grey = make(ZARVEL_PIXFMT_GREY, 8, 8);
-  zarvel_frame_t *out = nullptr, *wrong = grey.get();
-  EXPECT_EQ(zarvel_frame_resize(src.get(), &out, {0, 4}), -1);
-  EXPECT_EQ(zarvel_frame_scale(src.get(), &out, -1.0f), -1);
-  EXPECT_EQ(zarvel_frame_scale(src.get(), &out, 1e30f), -1);
+               "up.\n"},
+              {4, "aux", "[zarvel_frame_resize] Invalid target size Size2D{ 0, 4 }!\n"},
+              {4, "aux",
+               "[zarvel_frame_scale] Invalid scale ratio 3000000000.000000 for frame of "
+               "Size2D{ 12, 8 }!\n"},
+              {4, "aux.host", "Resizing a frame in format [GREY16] is not supported yet!\n"}});
+  EXPECT_EQ(zarvel_frame_crop(src.get(), &out, {20, 20, 4, 4}), -1);
   EXPECT_EQ(out, nullptr);
-  log.clear();
-  EXPECT_EQ(zarvel_frame_resize(src.get(), &wrong, {4, 4}), -1);
-  ASSERT_EQ(log.messages().size(), 1u);
-  EXPECT_EQ(log.messages()[0].text.rfind("[zarvel_frame_resize] Required_frame and given_frame", 0),
-            0u);
-  // A format the host resampler does not know: one host message, status 0.
-  za::FramePtr deep(zarvel_frame_alloc(0, ZARVEL_PIXFMT_GREY16, 6, 4, nullptr, 0));
-  log.clear();
-  resized(deep.get(), {3, 2});
-  log.expect({{4, "aux.host", "Resizing a frame in format [GREY16] is not supported yet!\n"}});
+  log.expect({{4, "aux",
+               "[zarvel_frame_crop] Illegal RoI. Cannot get sub frame of Area2D{20, 20, 4, 4} "
+               "from frame of Size2D{ 12, 8 }!\n"}},
+             "aux");
 }
 
 // Crops against a per-plane model: inside the source, its bytes; outside, black luma and
@@ -288,18 +259,6 @@ TEST(Crop, RegionsInsideAndOutsideTheFrame) {
       }
     }
   }
-}
-
-TEST(Crop, RegionWithoutOverlapIsIllegal) {
-  LogCapture log;
-  auto src = make(ZARVEL_PIXFMT_GREY, 10, 10);
-  zarvel_frame_t* out = nullptr;
-  EXPECT_EQ(zarvel_frame_crop(src.get(), &out, {20, 20, 4, 4}), -1);
-  EXPECT_EQ(out, nullptr);  // the output this call allocated is freed
-  log.expect({{4, "aux",
-               "[zarvel_frame_crop] Illegal RoI. Cannot get sub frame of Area2D{20, 20, 4, 4} "
-               "from frame of Size2D{ 10, 10 }!\n"}},
-             "aux");
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// Helpers for the image codec tests: a scratch directory, file bytes, frames that free
-// themselves, and a minimal PNG writer (stored deflate blocks) that builds any colour type and
-// bit depth, or a deliberately broken header, independently of the encoder under test.
+// Helpers for the image codec tests: a scratch directory, file bytes, and a minimal PNG writer
+// (stored deflate blocks) that builds any colour type and bit depth independently of the
+// encoder under test.
 #pragma once
 
 #include <stdlib.h>
@@ -8,12 +8,14 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "frame_api/frame_api.h"
 
 namespace zarvel::test {
 
@@ -21,35 +23,25 @@ namespace zarvel::test {
 class ScratchDir {
  public:
   ScratchDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "zarvel_codec_XXXXXX");
-    if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+    std::string pattern = std::filesystem::temp_directory_path() / "zarvel_codec_XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no scratch directory");
+    path_ = pattern;
   }
   ~ScratchDir() {
     std::error_code ignored;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+    std::filesystem::remove_all(path_, ignored);
   }
   ScratchDir(const ScratchDir&) = delete;
   ScratchDir& operator=(const ScratchDir&) = delete;
-
-  bool ok() const { return !path_.empty(); }
   std::string file(const std::string& name) const { return (path_ / name).string(); }
 
  private:
   std::filesystem::path path_;
 };
 
-// A frame (or null) freed when it goes out of scope.
-struct OwnedFrame {
-  zarvel_frame_t* f = nullptr;
-  OwnedFrame() = default;
-  explicit OwnedFrame(zarvel_frame_t* frame) : f(frame) {}
-  OwnedFrame(const OwnedFrame&) = delete;
-  OwnedFrame& operator=(const OwnedFrame&) = delete;
-  ~OwnedFrame() { zarvel_frame_free(&f); }
-};
-
-inline zarvel_frame_t* decode(const std::vector<uint8_t>& bytes) {
-  return zarvel_frame_load_from_memory(bytes.data(), static_cast<int32_t>(bytes.size()));
+inline aux::FramePtr decode(const std::vector<uint8_t>& bytes) {
+  return aux::FramePtr(
+      zarvel_frame_load_from_memory(bytes.data(), static_cast<int32_t>(bytes.size())));
 }
 
 inline std::vector<uint8_t> read_file(const std::string& path) {
@@ -58,46 +50,41 @@ inline std::vector<uint8_t> read_file(const std::string& path) {
 }
 
 inline void write_file(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char*>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
-}
-
-inline uint32_t crc32(const uint8_t* data, size_t n, uint32_t crc = 0) {
-  crc = ~crc;
-  for (size_t i = 0; i < n; ++i) {
-    crc ^= data[i];
-    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-  }
-  return ~crc;
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
 }
 
 inline void put_be32(std::vector<uint8_t>& out, uint32_t v) {
   for (int s = 24; s >= 0; s -= 8) out.push_back(static_cast<uint8_t>(v >> s));
 }
 
+// Appends a chunk: its length (or `claimed_length`), type, data and CRC-32.
 inline void png_chunk(std::vector<uint8_t>& png, const char type[4], const std::vector<uint8_t>& d,
                       uint32_t claimed_length = UINT32_MAX) {
   put_be32(png, claimed_length == UINT32_MAX ? static_cast<uint32_t>(d.size()) : claimed_length);
   std::vector<uint8_t> body(type, type + 4);
   body.insert(body.end(), d.begin(), d.end());
   png.insert(png.end(), body.begin(), body.end());
-  put_be32(png, crc32(body.data(), body.size()));
+  uint32_t crc = ~0u;
+  for (uint8_t byte : body) {
+    crc ^= byte;
+    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  put_be32(png, ~crc);
 }
 
 // A PNG of the given IHDR. `samples` holds the image rows without filter bytes (filter 0 is
-// added); 16-bit samples are big-endian byte pairs, as PNG stores them.
+// added); 16-bit samples are big-endian byte pairs, as PNG stores them. A header may claim
+// more rows than the samples fill.
 inline std::vector<uint8_t> make_png(uint32_t width, uint32_t height, int color_type, int bit_depth,
                                      const std::vector<uint8_t>& samples) {
-  std::vector<uint8_t> png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
-  std::vector<uint8_t> ihdr;
+  std::vector<uint8_t> png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'}, ihdr, raw;
   put_be32(ihdr, width);
   put_be32(ihdr, height);
   ihdr.insert(ihdr.end(),
               {static_cast<uint8_t>(bit_depth), static_cast<uint8_t>(color_type), 0, 0, 0});
   png_chunk(png, "IHDR", ihdr);
-
-  std::vector<uint8_t> raw;
   const size_t row = height ? samples.size() / height : 0;
   for (uint32_t y = 0; y < height; ++y) {
     raw.push_back(0);
@@ -107,9 +94,9 @@ inline std::vector<uint8_t> make_png(uint32_t width, uint32_t height, int color_
   size_t pos = 0;
   do {
     const size_t n = std::min<size_t>(raw.size() - pos, 65535);
-    z.push_back(pos + n == raw.size() ? 1 : 0);
-    z.insert(z.end(), {static_cast<uint8_t>(n), static_cast<uint8_t>(n >> 8),
-                       static_cast<uint8_t>(~n), static_cast<uint8_t>(~n >> 8)});
+    z.insert(z.end(), {static_cast<uint8_t>(pos + n == raw.size()), static_cast<uint8_t>(n),
+                       static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(~n),
+                       static_cast<uint8_t>(~n >> 8)});
     z.insert(z.end(), raw.begin() + pos, raw.begin() + pos + n);
     pos += n;
   } while (pos < raw.size());
