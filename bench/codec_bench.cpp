@@ -54,8 +54,7 @@ std::vector<uint8_t> encoded(int32_t format) {
   return {p, p + zarvel_buffer_size(buffer.get())};
 }
 
-void BM_Decode_Zarvel(benchmark::State& state, int32_t format) {
-  const std::vector<uint8_t> bytes = encoded(format);
+void decode_zarvel(benchmark::State& state, const std::vector<uint8_t>& bytes) {
   for (auto _ : state) {
     zarvel_frame_t* f =
         zarvel_frame_load_from_memory(bytes.data(), static_cast<int32_t>(bytes.size()));
@@ -63,6 +62,10 @@ void BM_Decode_Zarvel(benchmark::State& state, int32_t format) {
     zarvel_frame_free(&f);
   }
   state.counters["bytes"] = static_cast<double>(bytes.size());
+}
+
+void BM_Decode_Zarvel(benchmark::State& state, int32_t format) {
+  decode_zarvel(state, encoded(format));
 }
 
 void BM_Encode_Zarvel(benchmark::State& state, int32_t format) {
@@ -85,13 +88,16 @@ cv::Mat picture_mat() {
   return cv::Mat(kH, kW, CV_8UC3, f->plane[0], static_cast<size_t>(f->stride[0])).clone();
 }
 
-void BM_Decode_OpenCV(benchmark::State& state, int32_t format) {
+void decode_opencv(benchmark::State& state, const std::vector<uint8_t>& bytes) {
   cv::setNumThreads(1);
-  const std::vector<uint8_t> bytes = encoded(format);
   for (auto _ : state) {
     cv::Mat m = cv::imdecode(bytes, cv::IMREAD_UNCHANGED);
     benchmark::DoNotOptimize(m.data);
   }
+}
+
+void BM_Decode_OpenCV(benchmark::State& state, int32_t format) {
+  decode_opencv(state, encoded(format));
 }
 
 void BM_Encode_OpenCV(benchmark::State& state, int32_t format) {
@@ -116,25 +122,9 @@ std::vector<uint8_t> camera_jpeg() {
   return out;
 }
 
-void BM_DecodeCameraJpeg_Zarvel(benchmark::State& state) {
-  const std::vector<uint8_t> bytes = camera_jpeg();
-  for (auto _ : state) {
-    zarvel_frame_t* f =
-        zarvel_frame_load_from_memory(bytes.data(), static_cast<int32_t>(bytes.size()));
-    benchmark::DoNotOptimize(f);
-    zarvel_frame_free(&f);
-  }
-  state.counters["bytes"] = static_cast<double>(bytes.size());
-}
+void BM_DecodeCameraJpeg_Zarvel(benchmark::State& state) { decode_zarvel(state, camera_jpeg()); }
 
-void BM_DecodeCameraJpeg_OpenCV(benchmark::State& state) {
-  cv::setNumThreads(1);
-  const std::vector<uint8_t> bytes = camera_jpeg();
-  for (auto _ : state) {
-    cv::Mat m = cv::imdecode(bytes, cv::IMREAD_UNCHANGED);
-    benchmark::DoNotOptimize(m.data);
-  }
-}
+void BM_DecodeCameraJpeg_OpenCV(benchmark::State& state) { decode_opencv(state, camera_jpeg()); }
 
 BENCHMARK(BM_DecodeCameraJpeg_Zarvel)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DecodeCameraJpeg_OpenCV)->Unit(benchmark::kMillisecond);
