@@ -1,10 +1,9 @@
-// Frames into tensors and back. zarvel_frame_to_tensor against a per-sample formula model
-// over random frames, colour types, element types, offsets and strided tensors; its pairing
-// refusals, pinned parameter orders and pads, and statuses. The vector row kernels
-// byte-identical to the scalar rows. zarvel_tensor_to_frames: dense planar reads of one item,
-// sample-to-byte conversion, refusals, and round trips. One-call preprocessing: the fused
-// region-resize path against crop, resize and to-tensor composed, and the statuses, messages
-// and scale outputs of both transform exports.
+// Frames into tensors and back. zarvel_frame_to_tensor against a per-sample formula model over
+// random frames, colour types, element types, offsets and strided tensors, each dense item read
+// back with zarvel_tensor_to_frames (from the host or the device); the pairings, statuses and
+// messages of both. The vector row kernels byte-identical to the scalar rows. One-call
+// preprocessing: the fused region-resize path against crop, resize and to-tensor composed, and
+// the modes, statuses, messages and scale outputs of both transform exports.
 #include <gtest/gtest.h>
 #include <zarvel/aux.h>
 
@@ -47,32 +46,26 @@ std::vector<uint8_t> bytes_of(const zarvel_tensor_t* t) {
   return {p, p + zarvel_buffer_size(t->buffer)};
 }
 
-// The bytes of sample (plane c, row y, column x) of an item written from frame f: the pixel's
-// R, G, B or luma picked by colour type (BGR tensors take the entries of mean, std and pad
-// backwards, grey tensors the middle ones), normalised in float tensors; the pad outside the
-// frame, as its truncated low byte in 8-bit tensors.
-std::array<uint8_t, 4> model_sample(const zarvel_frame_t* f, uint32_t ct, uint32_t elem,
-                                    const float* mean, const float* std, const float* pad, int c,
-                                    int32_t y, int32_t x) {
+// Sample (plane c, row y, column x) of an item written from frame f: the pixel's R, G, B or
+// luma picked by colour type (BGR tensors take the entries of mean, std and pad backwards, grey
+// tensors the middle ones), normalised in float tensors; the pad outside the frame, as its
+// truncated low byte in 8-bit tensors.
+float model_sample(const zarvel_frame_t* f, uint32_t ct, uint32_t elem, const float* mean,
+                   const float* std, const float* pad, int c, int32_t y, int32_t x) {
   const int e = ct == 2 ? 1 : ct == 0 ? 2 - c : c;
-  float v = pad[e];
-  if (x < f->width && y < f->height) {
-    const bool grey = f->format == ZARVEL_PIXFMT_GREY, bgr = f->format == ZARVEL_PIXFMT_BGR24;
-    const uint8_t* px = f->plane[0] + int64_t{y} * f->stride[0] + x * (grey ? 1 : 3);
-    const int rgb[3] = {px[bgr ? 2 : 0], px[grey ? 0 : 1], px[grey ? 0 : bgr ? 0 : 2]};
-    const int p = ct != 2 ? rgb[e]
-                  : grey  ? rgb[0]
-                          : int(0.299 * rgb[0] + 0.587 * rgb[1] + 0.114 * rgb[2]);
-    if (elem == ZARVEL_ELEM_U8) return {static_cast<uint8_t>(p)};
-    // Grey divides unless mean 0 and std 1 leave the value; colour multiplies by 1 / std.
-    if (ct == 2) v = mean[1] == 0.0f && std[1] == 1.0f ? float(p) : (float(p) - mean[1]) / std[1];
-    if (ct != 2) v = (float(p) - mean[e]) * (1.0f / std[e]);
-  } else if (elem == ZARVEL_ELEM_U8) {
-    return {static_cast<uint8_t>(static_cast<int64_t>(std::trunc(v)) & 0xFF)};
-  }
-  std::array<uint8_t, 4> s;
-  std::memcpy(s.data(), &v, 4);
-  return s;
+  const bool u8 = elem == ZARVEL_ELEM_U8, grey = f->format == ZARVEL_PIXFMT_GREY,
+             bgr = f->format == ZARVEL_PIXFMT_BGR24;
+  if (x >= f->width || y >= f->height)
+    return u8 ? float(static_cast<int64_t>(std::trunc(pad[e])) & 0xFF) : pad[e];
+  const uint8_t* px = f->plane[0] + int64_t{y} * f->stride[0] + x * (grey ? 1 : 3);
+  const int rgb[3] = {px[bgr ? 2 : 0], px[grey ? 0 : 1], px[grey ? 0 : bgr ? 0 : 2]};
+  const int p = ct != 2 ? rgb[e]
+                : grey  ? rgb[0]
+                        : int(0.299 * rgb[0] + 0.587 * rgb[1] + 0.114 * rgb[2]);
+  if (u8) return p;
+  // Grey divides unless mean 0 and std 1 leave the value; colour multiplies by 1 / std.
+  if (ct == 2) return mean[1] == 0.0f && std[1] == 1.0f ? float(p) : (float(p) - mean[1]) / std[1];
+  return (float(p) - mean[e]) * (1.0f / std[e]);
 }
 
 // Random frames (narrower, equal or wider than the item, tight or padded rows) into random
@@ -82,7 +75,6 @@ std::array<uint8_t, 4> model_sample(const zarvel_frame_t* f, uint32_t ct, uint32
 TEST(FrameToTensor, MatchesTheSampleModelWithScalarAndVectorKernels) {
   std::mt19937 rng(7);
   const uint32_t formats[3] = {ZARVEL_PIXFMT_RGB24, ZARVEL_PIXFMT_BGR24, ZARVEL_PIXFMT_GREY};
-  const float kPinnedPads[3] = {256, -1, 300};
   for (uint32_t mask : {0u, ~0u}) {
     FeatureMask features(mask);
     for (int iter = 0; iter < 400; ++iter) {
@@ -107,67 +99,43 @@ TEST(FrameToTensor, MatchesTheSampleModelWithScalarAndVectorKernels) {
         mean[k] = identity ? 0.0f : static_cast<float>(rng() % 4000) / 16.0f - 20.0f;
         std[k] = identity ? 1.0f : 0.25f + static_cast<float>(rng() % 1000) / 10.0f;
         pad[k] = rng() % 4 ? static_cast<float>(static_cast<int>(rng() % 2000) - 1000) / 3.0f
-                           : kPinnedPads[k];
+                           : std::array{256.0f, -1.0f, 300.0f}[k];
       }
-      const auto offset =
-          static_cast<int32_t>(view ? 0 : zarvel_tensor_calc_offset(tensor.get(), item, 0, 0, 0));
+      const int32_t offset =
+          view ? 0 : int32_t(zarvel_tensor_calc_offset(tensor.get(), item, 0, 0, 0));
       ASSERT_EQ(zarvel_frame_to_tensor(tensor.get(), offset, ct, frame.get(), mean, std, pad), 0);
       std::vector<uint8_t> back_want(planes * H * W);
       const int64_t size = elem == ZARVEL_ELEM_F32 ? 4 : 1;
       for (int64_t i = 0; i < planes * H * W; ++i) {
         const int c = i / (H * W), y = i / W % H, x = i % W;
-        const auto sample = model_sample(frame.get(), ct, elem, mean, std, pad, c, y, x);
+        const float v = model_sample(frame.get(), ct, elem, mean, std, pad, c, y, x);
+        const uint8_t byte = static_cast<int64_t>(std::trunc(v)) & 0xFF;
         std::memcpy(&expected[size * (tensor->offset + offset + c * tensor->stride[1] +
                                       y * tensor->stride[2] + x)],
-                    sample.data(), size);
-        float v;
-        std::memcpy(&v, sample.data(), 4);
-        back_want[(y * W + x) * planes + c] =
-            size == 1 ? sample[0] : static_cast<int64_t>(std::trunc(v)) & 0xFF;
+                    size == 4 ? static_cast<const void*>(&v) : &byte, size);
+        back_want[(y * W + x) * planes + c] = byte;
       }
-      ASSERT_EQ(bytes_of(parent.get()), expected)
-          << "iter " << iter << " ct " << ct << " elem " << elem;
-      // Read back from a dense tensor, the item is a frame of the samples (float ones as the
-      // low byte of their truncation), channels interleaved in plane order.
+      ASSERT_EQ(bytes_of(parent.get()), expected) << "iter " << iter;
+      // Read back from a dense tensor, on the host or on the device, the item is a frame of the
+      // samples, channels interleaved in plane order; float samples give the low byte of their
+      // truncation (255.9 -> 255, 300 -> 44, -0.5 -> 0, 256 -> 0, -1 -> 255).
       if (view) continue;
+      TensorPtr device(iter % 8 ? nullptr
+                                : zarvel_tensor_alloc(ZARVEL_MEM_DEVICE, elem, 3, planes, H, W));
+      ASSERT_TRUE(!device || zarvel_tensor_copy(tensor.get(), device.get()) == 0);
       zarvel_frame_t* out = nullptr;
-      ASSERT_EQ(zarvel_tensor_to_frames(tensor.get(), ct, item, &out), 0);
+      ASSERT_EQ(zarvel_tensor_to_frames(device ? device.get() : tensor.get(), ct, item, &out), 0);
       FramePtr back(out);
       ASSERT_EQ(visible_bytes(back.get()), back_want) << "iter " << iter;
     }
   }
 }
 
-TEST(FrameToTensor, PairingOfColourTypesAndFormats) {
-  auto message = [](const char* head, uint32_t format) {
-    return std::string("[zarvel_frame_to_tensor] ") + head +
-           " frame, given frame's format: " + zarvel_frame_pixfmt_to_string(format) + "\n";
-  };
-  TensorPtr tensor = host_tensor(ZARVEL_ELEM_F32, 1, 3, 2, 4);
-  for (uint32_t format : kAllFormats) {
-    FramePtr frame(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, 4, 2, nullptr, 0));
-    const bool packed = format == ZARVEL_PIXFMT_RGB24 || format == ZARVEL_PIXFMT_BGR24;
-    for (uint32_t ct : {0u, 1u, 2u, 3u, 77u}) {
-      std::string want;  // empty: accepted
-      if (ct <= 1 && !packed) want = message("RGB/GBR tensor needs RGB/BGR", format);
-      if (ct == 2 && !packed && format != ZARVEL_PIXFMT_GREY)
-        want = message("GRAY tensor needs RGB/BGR/GRAY", format);
-      if (ct > 2)
-        want = "[zarvel_frame_to_tensor] Unknown tensor color type: " + std::to_string(ct) + "\n";
-      LogCapture log;
-      EXPECT_EQ(zarvel_frame_to_tensor(tensor.get(), 0, ct, frame.get(), kMean, kStd, kPad),
-                want.empty() ? 0 : -1000);
-      log.expect(want.empty() ? std::vector<LogCapture::Expected>{}
-                              : std::vector<LogCapture::Expected>{{4, "aux", want}});
-    }
-  }
-}
-
-// Statuses of the refusals, which leave the tensor untouched: no pixel data -1; a device
+// Every pairing of colour type and frame format, accepted or refused with its message.
+// Statuses of the other refusals, which leave the tensor untouched: no pixel data -1; a device
 // tensor or an element type other than U8 and F32 -1000; an item reaching past the tensor's
-// data -1, logged by the host slot; and the host slot's own format check. A device frame is
-// downloaded, with a note.
-TEST(FrameToTensor, RefusalsDeviceFramesAndNotes) {
+// data -1; and the host slot's own format check. A device frame is downloaded, with a note.
+TEST(FrameToTensor, PairingsRefusalsAndNotes) {
   FramePtr rgb(zarvel_frame_alloc(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 1, 1, nullptr, 0));
   zarvel_frame_t no_data = *rgb;
   no_data.plane[0] = nullptr;
@@ -184,11 +152,28 @@ TEST(FrameToTensor, RefusalsDeviceFramesAndNotes) {
   for (uint32_t ct : {1u, 2u}) EXPECT_EQ(call(s8, 0, ct, rgb.get()), -1000);  // both writers
   log.expect({});
   for (int32_t offset : {1, -1}) EXPECT_EQ(call(u8, offset, 1, rgb.get()), -1);
-  ASSERT_EQ(log.messages().size(), 2u);
-  EXPECT_EQ(log.messages()[1].tag, "aux.host");
   log.clear();
   EXPECT_EQ(bytes_of(s8.get()), std::vector<uint8_t>(12, 0x5A));
   EXPECT_EQ(bytes_of(u8.get()), std::vector<uint8_t>(12, 0));
+  auto message = [](const char* head, uint32_t format) {
+    return std::string("[zarvel_frame_to_tensor] ") + head +
+           " frame, given frame's format: " + zarvel_frame_pixfmt_to_string(format) + "\n";
+  };
+  for (uint32_t format : kAllFormats) {
+    FramePtr frame(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, 2, 2, nullptr, 0));
+    const bool packed = format == ZARVEL_PIXFMT_RGB24 || format == ZARVEL_PIXFMT_BGR24;
+    for (uint32_t ct : {0u, 1u, 2u, 3u, 77u}) {
+      std::string want;  // empty: accepted
+      if (ct <= 1 && !packed) want = message("RGB/GBR tensor needs RGB/BGR", format);
+      if (ct == 2 && !packed && format != ZARVEL_PIXFMT_GREY)
+        want = message("GRAY tensor needs RGB/BGR/GRAY", format);
+      if (ct > 2)
+        want = "[zarvel_frame_to_tensor] Unknown tensor color type: " + std::to_string(ct) + "\n";
+      EXPECT_EQ(call(u8, 0, ct, frame.get()), want.empty() ? 0 : -1000) << format << " " << ct;
+      log.expect(want.empty() ? std::vector<LogCapture::Expected>{}
+                              : std::vector<LogCapture::Expected>{{4, "aux", want}});
+    }
+  }
   FramePtr grey(zarvel_frame_alloc(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_GREY, 1, 1, nullptr, 0));
   for (uint32_t ct : {1u, 9u})
     EXPECT_EQ(
@@ -205,12 +190,10 @@ TEST(FrameToTensor, RefusalsDeviceFramesAndNotes) {
 
 // The scalar blocks (which do nothing) and the vector ones, or false without AVX2.
 bool block_kernels(tt::BlockKernels k[2]) {
-  if (!(zarvel::aux::cpu_features() & zarvel::aux::kCpuAvx2)) return false;
-  for (int v = 0; v < 2; ++v) {
-    FeatureMask mask(v ? ~0u : 0u);
-    k[v] = tt::select_block_kernels();
-  }
-  return true;
+  // The mask holds until the end of the full expression that selects.
+  const auto select = [](uint32_t mask) { return FeatureMask(mask), tt::select_block_kernels(); };
+  k[0] = select(0u), k[1] = select(~0u);
+  return (zarvel::aux::cpu_features() & zarvel::aux::kCpuAvx2) != 0;
 }
 
 // Runs a row with the scalar and the vector blocks into sentinel-filled planes (n samples
@@ -261,7 +244,6 @@ TEST(ToTensorKernels, VectorRowsEqualScalarRows) {
       }
       same_rows<uint8_t>(
           k, n, 1, [&](auto& b, auto d) { tt::luma_u8_row(b, src, n, start == 1 ? 2 : 0, d[0]); });
-      if (HasFatalFailure()) return;
     }
   }
 }
@@ -272,46 +254,15 @@ TEST(ToTensorKernels, LumaRowsAgreeOnEveryTriple) {
   if (!block_kernels(k)) GTEST_SKIP() << "no AVX2";
   constexpr int64_t kRow = 1 << 16;
   std::vector<uint8_t> src(3 * kRow);
-  for (int64_t i = 0; i < kRow; ++i)
-    src[3 * i + 1] = static_cast<uint8_t>(i >> 8), src[3 * i + 2] = static_cast<uint8_t>(i);
   for (int r = 0; r < 256; ++r) {
-    for (int64_t i = 0; i < kRow; ++i) src[3 * i] = static_cast<uint8_t>(r);
+    for (int64_t i = 0; i < 3 * kRow; i += 3)
+      src[i] = r, src[i + 1] = i / 3 >> 8, src[i + 2] = i / 3;
     same_rows<uint8_t>(k, kRow, 1,
                        [&](auto& b, auto d) { tt::luma_u8_row(b, src.data(), kRow, 0, d[0]); });
     for (auto [m, s] : {std::pair{0.0f, 1.0f}, {16.5f, 3.3f}})
       same_rows<float>(k, kRow, 1, [&](auto& b, auto d) {
         tt::luma_f32_row(b, src.data(), kRow, 0, d[0], m, s);
       });
-    if (HasFatalFailure()) return;
-  }
-}
-
-// Item 1 of a 2x3x4x5 tensor is elements 60..119: planes R, G, B of 4 rows of 5. 8-bit
-// samples (signed ones too) are the bytes; float samples, on the host or the device, give the
-// low byte of their truncation: 255.9 -> 255, 300 -> 44, -0.5 -> 0, 256.7 -> 0, -1 -> 255.
-TEST(TensorToFrames, ReadsItemIndexAsDensePlanes) {
-  const float specials[6] = {255.9f, 300.0f, -0.5f, 256.7f, -1.0f, 17.99f};
-  const uint8_t special_bytes[6] = {255, 44, 0, 0, 255, 17};
-  for (auto [elem, mem] :
-       {std::pair{ZARVEL_ELEM_S8, ZARVEL_MEM_HOST}, {ZARVEL_ELEM_F32, ZARVEL_MEM_DEVICE}}) {
-    TensorPtr host = host_tensor(elem, 2, 3, 4, 5),
-              tensor(zarvel_tensor_alloc(mem, elem, 2, 3, 4, 5));
-    auto* data = static_cast<uint8_t*>(zarvel_tensor_raw_pointer(host.get()));
-    std::vector<uint8_t> want(60);
-    for (int i = 0; i < 120; ++i) {
-      const bool special = elem == ZARVEL_ELEM_F32 && i >= 60 && i < 66;
-      const float f = special ? specials[i - 60] : static_cast<float>(i) + 0.5f;
-      if (elem == ZARVEL_ELEM_F32) std::memcpy(data + 4 * i, &f, 4);
-      if (elem != ZARVEL_ELEM_F32) data[i] = static_cast<uint8_t>(i);
-      if (i >= 60) want[3 * ((i - 60) % 20) + (i - 60) / 20] = special ? special_bytes[i - 60] : i;
-    }
-    ASSERT_EQ(zarvel_tensor_copy(host.get(), tensor.get()), 0);
-    zarvel_frame_t* out = nullptr;
-    ASSERT_EQ(zarvel_tensor_to_frames(tensor.get(), 1, 1, &out), 0);
-    FramePtr frame(out);
-    EXPECT_EQ(std::tuple(frame->format, frame->width, frame->height),
-              std::tuple(ZARVEL_PIXFMT_RGB24, 5, 4));
-    EXPECT_EQ(visible_bytes(frame.get()), want) << elem << " " << mem;
   }
 }
 
@@ -336,8 +287,6 @@ TEST(TensorToFrames, RefusalsAndTheirStatuses) {
   tensor->elem_type = ZARVEL_ELEM_U8;  // freed as what it was allocated as
 }
 
-const std::string kExport = "[zarvel_frame_transform_to_tensor] ";
-
 // A scratch-buffer slot, freed at the end of the scope.
 struct Scratch {
   zarvel_buffer_t* slot;
@@ -345,14 +294,6 @@ struct Scratch {
       : slot(size > 0 ? zarvel_buffer_alloc(size, ZARVEL_MEM_HOST) : nullptr) {}
   ~Scratch() { zarvel_buffer_free(&slot); }
 };
-
-// An option with mean 0, deviation 1 and zero pads.
-TransformToTensorOption option(zarvel_tensor_t* t, uint32_t ct, uint32_t flags, uint64_t n,
-                               zarvel_frame_t** frames, Area2D* rois, Size2D* sizes,
-                               Scratch& scratch, float* matrices = nullptr) {
-  return {t,     ct,       flags,     n,         frames,  rois,
-          sizes, matrices, {0, 0, 0}, {1, 1, 1}, nullptr, &scratch.slot};
-}
 
 // Item i written the composed way: crop the region, resize it, write it.
 void compose(zarvel_tensor_t* t, int item, uint32_t color_type, zarvel_frame_t* frame, Area2D roi,
@@ -400,14 +341,12 @@ TEST(TransformToTensor, FusedEqualsComposed) {
     ASSERT_EQ(zarvel_frame_transform_to_tensor_batch(views[0].get(), ct, n, frames.data(), rois,
                                                      mode, mean, std, pads, &scratch.slot, sy, sx),
               0);
-    auto item = [](int extent, float scale) {
-      return std::max(1, static_cast<int>(std::lround(double(extent) / double(scale))));
-    };
-    for (int i = 0; i < n; ++i)
-      compose(views[1].get(), i, ct, frame.get(), rois[i],
-              {item(rois[i].width, sx[i]), item(rois[i].height, sy[i])}, mean, std, &pads[3 * i]);
-    ASSERT_EQ(bytes_of(parents[0].get()), bytes_of(parents[1].get()))
-        << "variant " << variant << " mode " << mode;
+    for (int i = 0; i < n; ++i) {
+      const Size2D size = {std::max(1, int(std::lround(rois[i].width / double(sx[i])))),
+                           std::max(1, int(std::lround(rois[i].height / double(sy[i]))))};
+      compose(views[1].get(), i, ct, frame.get(), rois[i], size, mean, std, &pads[3 * i]);
+    }
+    ASSERT_EQ(bytes_of(parents[0].get()), bytes_of(parents[1].get())) << variant << " " << mode;
   }
 }
 
@@ -423,9 +362,8 @@ TEST(TransformToTensor, FusedEqualsComposed) {
 // the supported families.
 TEST(TransformToTensor, OptionRecordModesNormAndRefusals) {
   std::mt19937 rng(7);
-  auto a = random_frame(rng, ZARVEL_PIXFMT_RGB24, 40, 30),
+  auto a = random_frame(rng, ZARVEL_PIXFMT_RGB24, 40, 30), dev = to_device(a.get()),
        b = random_frame(rng, ZARVEL_PIXFMT_BGR24, 25, 35);
-  auto dev = to_device(a.get());
   Area2D rois[2] = {{3, 4, 30, 20}, {-4, 10, 20, 30}};
   Size2D sizes[2] = {{16, 12}, {40, 30}};
   float matrices[18] = {1, 0, 0, 0, 1, 0, 0, 0, 1, 1, 0, 0, 0, 1, 0, 0, 0, 1};
@@ -434,8 +372,9 @@ TEST(TransformToTensor, OptionRecordModesNormAndRefusals) {
   auto run = [&](const TensorPtr& t, uint32_t flags, uint64_t n, std::array<zarvel_frame_t*, 2> f,
                  float* m = nullptr, uint32_t ct = 1) {
     log.clear();
-    auto o = option(t.get(), ct, flags, n, f.data(), rois, sizes,
-                    f[0] == dev.get() ? device_scratch : scratch, m);
+    Scratch& slot = f[0] == dev.get() ? device_scratch : scratch;
+    const TransformToTensorOption o{t.get(), ct, flags,     n,         f.data(), rois,
+                                    sizes,   m,  {0, 0, 0}, {1, 1, 1}, nullptr,  &slot.slot};
     return zarvel_frame_transform_to_tensor(&o);
   };
   auto t = host_tensor(ZARVEL_ELEM_F32, 2, 3, 16, 16),
@@ -460,18 +399,18 @@ TEST(TransformToTensor, OptionRecordModesNormAndRefusals) {
   }
   auto last_text = [&] { return log.messages().empty() ? "" : log.messages().back().text; };
   EXPECT_EQ(run(t, ZARVEL_TRANSFORM_RESIZE, 2, {a.get(), dev.get()}), -1);
-  EXPECT_EQ(last_text(), kExport + "frames' mem type not the same\n");
+  EXPECT_EQ(last_text(), "[zarvel_frame_transform_to_tensor] frames' mem type not the same\n");
   EXPECT_NE(run(t, ZARVEL_TRANSFORM_RESIZE | ZARVEL_TRANSFORM_HISTOGRAM, 2, {a.get(), a.get()}), 0);
   EXPECT_EQ(last_text(), "histogram only available in [gray] tensor.\n");
   EXPECT_EQ(run(t, ZARVEL_TRANSFORM_AFFINE, 2, {a.get(), a.get()}), -1);
   EXPECT_EQ(run(t, ZARVEL_TRANSFORM_NONE, 2, {dev.get(), dev.get()}), 0);
   EXPECT_EQ(zarvel_buffer_mem_type(device_scratch.slot), ZARVEL_MEM_DEVICE);
   EXPECT_EQ(zarvel_buffer_size(device_scratch.slot), 1024);
-  ASSERT_FALSE(log.messages().empty());
-  EXPECT_EQ(log.messages().front().text,
-            kExport + "frame mem type: " + zarvel_device_get_name() +
-                ", buffer mem type: host, reallocate buffer memory.\n");
-  EXPECT_EQ(log.messages().front().level, 0u);
+  log.expect({{0, "aux",
+               "[zarvel_frame_transform_to_tensor] frame mem type: " +
+                   std::string(zarvel_device_get_name()) +
+                   ", buffer mem type: host, reallocate buffer memory.\n"}},
+             "aux");
   const uint32_t norm = ZARVEL_TRANSFORM_RESIZE | ZARVEL_TRANSFORM_CHANNEL_NORM;
   rois[0] = rois[1] = {3, 4, 20, 20}, sizes[1] = sizes[0];
   auto colour = host_tensor(ZARVEL_ELEM_F32, 2, 3, 12, 16),
@@ -506,7 +445,7 @@ TEST(TransformToTensor, OptionRecordModesNormAndRefusals) {
 TEST(TransformToTensorBatch, ScalesRegionsBatchSizeAndDeviceFrames) {
   std::mt19937 rng(11);
   LogCapture log;
-  auto frame = random_frame(rng, ZARVEL_PIXFMT_RGB24, 300, 200);
+  auto frame = random_frame(rng, ZARVEL_PIXFMT_RGB24, 300, 200), dev = to_device(frame.get());
   auto t = host_tensor(ZARVEL_ELEM_U8, 1, 3, 100, 100);
   zarvel_frame_t* frames[1] = {frame.get()};
   Scratch scratch;
@@ -526,10 +465,8 @@ TEST(TransformToTensorBatch, ScalesRegionsBatchSizeAndDeviceFrames) {
       {{4, "aux", "[zarvel_frame_transform_to_tensor_batch] invalid roi: {-10, -10, 5, 5}\n"}});
   EXPECT_EQ(run({0, 0, 200, 100}, 0, 2), -1);
   EXPECT_TRUE(log.messages().empty());
-  auto dev = to_device(frame.get());
   frames[0] = dev.get();
   ASSERT_EQ(run({-5, 7, 40, 50}, 0), 0);
-  EXPECT_EQ(zarvel_buffer_mem_type(scratch.slot), ZARVEL_MEM_DEVICE);
   ASSERT_FALSE(log.messages().empty());
   EXPECT_NE(log.messages()[0].text.find("time\xEF\xBC\x8Cspace and bandwidth"), std::string::npos);
 }
