@@ -80,8 +80,9 @@ int32_t transform_to_tensor(Input& in, zarvel_tensor_t* tensor, bool batch) {
         (nulls & 32) ? nullptr : scale_y.data(), (nulls & 64) ? nullptr : scale_x.data());
   }
   const uint8_t flags = in.u8();
-  TransformToTensorOption o{tensor, color_type,
-                            flags >= 250 ? in.u32() : (flags & 3u) | (flags & 0x30u), claimed};
+  TransformToTensorOption o{};
+  o.tensor = tensor, o.color_type = color_type, o.frame_count = claimed;
+  o.flags = flags >= 250 ? in.u32() : (flags & 3u) | (flags & 0x30u);
   o.frames = (nulls & 1) ? nullptr : frames.list.data();
   o.rois = (nulls & 2) ? nullptr : rois.data();
   o.sizes = (nulls & 4) ? nullptr : sizes.data();
