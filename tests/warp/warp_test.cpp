@@ -84,9 +84,9 @@ void model(bool vector, const Plane& in, Plane& out, const float* m, bool perspe
       const int32_t ix = cvt(sx, vector), iy = cvt(sy, vector);
       const float fx = sx - static_cast<float>(ix), fy = sy - static_cast<float>(iy);
       const float wf[4] = {(1.0f - fx) * (1.0f - fy), fx * (1.0f - fy), (1.0f - fx) * fy, fx * fy};
-      if (mode == 5 &&
-          !(ix >= 0 && int64_t{ix} + 1 < in.width && iy >= 0 && int64_t{iy} + 1 < in.height))
-        continue;
+      const bool inside =
+          ix >= 0 && int64_t{ix} + 1 < in.width && iy >= 0 && int64_t{iy} + 1 < in.height;
+      if (mode == 5 && !inside) continue;  // not all four neighbours inside
       for (int ch = 0; ch < in.channels; ++ch) {
         int t[4];
         uint32_t sum = 0x8000u;
