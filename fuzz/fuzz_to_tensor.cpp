@@ -1,6 +1,6 @@
 // Frames into tensors (single frame, transform with options, batch) and tensor items back
 // into frames, with fuzzed tensors, frames, regions, matrices, statistics and scratch slots.
-#include <memory>
+#include <vector>
 
 #include "fuzz_support.h"
 
@@ -19,14 +19,12 @@ struct Frames {
 // Null, a null-holding slot, or a slot holding a host or device buffer of fuzzed size.
 struct ScratchSlot {
   zarvel_buffer_t* buffer = nullptr;
-  bool use_slot = true;
-  explicit ScratchSlot(Input& in) {
-    const uint8_t pick = in.u8();
-    use_slot = pick != 255;
+  const uint8_t pick;
+  explicit ScratchSlot(Input& in) : pick(in.u8()) {
     if (pick >= 128 && pick < 255)
       buffer = zarvel_buffer_alloc(in.range(0, 1 << 16), (pick & 7) == 0 ? 1u : 0u);
   }
-  zarvel_buffer_t** slot() { return use_slot ? &buffer : nullptr; }
+  zarvel_buffer_t** slot() { return pick != 255 ? &buffer : nullptr; }
   ~ScratchSlot() { zarvel_buffer_free(&buffer); }
 };
 
@@ -82,20 +80,16 @@ int32_t transform_to_tensor(Input& in, zarvel_tensor_t* tensor, bool batch) {
         (nulls & 32) ? nullptr : scale_y.data(), (nulls & 64) ? nullptr : scale_x.data());
   }
   const uint8_t flags = in.u8();
-  // The elements of a braced initialiser run in order.
-  const TransformToTensorOption option{tensor,
-                                       color_type,
-                                       flags >= 250 ? in.u32() : (flags & 3u) | (flags & 0x30u),
-                                       claimed,
-                                       (nulls & 1) ? nullptr : frames.list.data(),
-                                       (nulls & 2) ? nullptr : rois.data(),
-                                       (nulls & 4) ? nullptr : sizes.data(),
-                                       (nulls & 8) ? nullptr : matrices.data(),
-                                       {stats[0], stats[1], stats[2]},
-                                       {stats[3], stats[4], stats[5]},
-                                       (nulls & 16) ? nullptr : pads.data(),
-                                       scratch.slot()};
-  return zarvel_frame_transform_to_tensor((nulls & 32) && (nulls & 64) ? nullptr : &option);
+  TransformToTensorOption o{};
+  o.tensor = tensor, o.color_type = color_type, o.frame_count = claimed;
+  o.flags = flags >= 250 ? in.u32() : (flags & 3u) | (flags & 0x30u);
+  o.frames = (nulls & 1) ? nullptr : frames.list.data();
+  o.rois = (nulls & 2) ? nullptr : rois.data();
+  o.sizes = (nulls & 4) ? nullptr : sizes.data();
+  o.matrices = (nulls & 8) ? nullptr : matrices.data();
+  for (int k = 0; k < 3; ++k) o.mean[k] = stats[k], o.std[k] = stats[k + 3];
+  o.pads = (nulls & 16) ? nullptr : pads.data(), o.buffer = scratch.slot();
+  return zarvel_frame_transform_to_tensor((nulls & 32) && (nulls & 64) ? nullptr : &o);
 }
 
 int32_t tensor_to_frames(Input& in, zarvel_tensor_t* tensor) {
