@@ -26,6 +26,10 @@
 #include "op_test_support.h"
 #include "plugin/status.h"
 
+#ifdef ZARVEL_TEST_OPENCV
+#include <opencv2/imgproc.hpp>
+#endif
+
 namespace za = zarvel::aux;
 namespace zw = zarvel::aux::warp;
 using namespace zarvel::test;
@@ -346,5 +350,40 @@ TEST(WarpFrame, NullMatrixAndUnsupportedFormat) {
     EXPECT_EQ(visible_bytes(out.get()), std::vector<uint8_t>(5 * 2 * 4, 0x33));
   }
 }
+
+#ifdef ZARVEL_TEST_OPENCV
+// Different fixed-point schemes, so not bit-equal: away from the borders both paths stay
+// within 2 of OpenCV's bilinear warp of a smooth image.
+TEST(WarpFrame, StaysCloseToOpenCvOnSmoothImages) {
+  auto in = alloc(ZARVEL_PIXFMT_RGB24, 160, 120), out = alloc(ZARVEL_PIXFMT_RGB24, 140, 100);
+  cv::Mat src(120, 160, CV_8UC3, in->plane[0], in->stride[0]), want;
+  for (int y = 0; y < 120; ++y)
+    for (int x = 0; x < 160 * 3; ++x)
+      src.ptr<uint8_t>(y)[x] = static_cast<uint8_t>(128 + 90 * std::sin(x * 0.03 + y * 0.05));
+  const float c = std::cos(0.2f), s = std::sin(0.2f);
+  const float m[9] = {c, -s, 20.5f, s, c, 3.25f, 0.0002f, -0.0003f, 1.0f};
+  const int flags = cv::INTER_LINEAR | cv::WARP_INVERSE_MAP;
+  for (int p = 0; p < 2; ++p) {
+    if (p == 1) cv::warpPerspective(src, want, cv::Matx33f(m), {140, 100}, flags);
+    if (p == 0) cv::warpAffine(src, want, cv::Matx23f(m), {140, 100}, flags);
+    for (bool vector : paths()) {
+      const FeatureMask variant(vector ? ~0u : 0u);
+      ASSERT_EQ(kWarps[p](in.get(), out.get(), m), za::kOk);
+      int worst = 0;
+      for (int y = 0; y < 100; ++y) {
+        for (int x = 0; x < 140; ++x) {
+          const float w = p == 1 ? m[6] * x + m[7] * y + m[8] : 1.0f;
+          const float sx = (m[0] * x + m[1] * y + m[2]) / w, sy = (m[3] * x + m[4] * y + m[5]) / w;
+          if (sx < 2 || sy < 2 || sx > 157 || sy > 117) continue;
+          for (int k = 0; k < 3; ++k)
+            worst = std::max(worst, std::abs(out->plane[0][y * out->stride[0] + x * 3 + k] -
+                                             want.ptr<uint8_t>(y)[x * 3 + k]));
+        }
+      }
+      EXPECT_LE(worst, 2) << "persp=" << p << " vector=" << vector;
+    }
+  }
+}
+#endif
 
 }  // namespace
