@@ -1,9 +1,9 @@
 // Helpers for the image codec tests: a scratch directory, file bytes, and a minimal PNG writer
-// (stored deflate blocks) that builds any colour type and bit depth independently of the
+// (one stored deflate block) that builds any colour type and bit depth independently of the
 // encoder under test.
 #pragma once
 
-#include <stdlib.h>
+#include <unistd.h>
 #include <zarvel/aux.h>
 
 #include <algorithm>
@@ -19,29 +19,19 @@
 
 namespace zarvel::test {
 
-// A fresh directory under the system's temporary directory, removed with everything in it.
-class ScratchDir {
- public:
-  ScratchDir() {
-    std::string pattern = std::filesystem::temp_directory_path() / "zarvel_codec_XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no scratch directory");
-    path_ = pattern;
-  }
-  ~ScratchDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-  std::string file(const std::string& name) const { return (path_ / name).string(); }
-
- private:
-  std::filesystem::path path_;
+// A directory of this process under the system's temporary directory, removed with
+// everything in it.
+struct ScratchDir {
+  const std::filesystem::path path =
+      std::filesystem::temp_directory_path() / ("zarvel_codec_" + std::to_string(getpid()));
+  std::error_code ignored;  // a failed removal is not the test's concern
+  ScratchDir() { std::filesystem::create_directories(path); }
+  ~ScratchDir() { std::filesystem::remove_all(path, ignored); }
+  std::string file(const std::string& name) const { return (path / name).string(); }
 };
 
 inline aux::FramePtr decode(const std::vector<uint8_t>& bytes) {
-  return aux::FramePtr(
-      zarvel_frame_load_from_memory(bytes.data(), static_cast<int32_t>(bytes.size())));
+  return aux::FramePtr(zarvel_frame_load_from_memory(bytes.data(), int32_t(bytes.size())));
 }
 
 inline std::vector<uint8_t> read_file(const std::string& path) {
@@ -50,9 +40,7 @@ inline std::vector<uint8_t> read_file(const std::string& path) {
 }
 
 inline void write_file(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary) << std::string(bytes.begin(), bytes.end());
 }
 
 inline void put_be32(std::vector<uint8_t>& out, uint32_t v) {
@@ -90,21 +78,14 @@ inline std::vector<uint8_t> make_png(uint32_t width, uint32_t height, int color_
     raw.push_back(0);
     raw.insert(raw.end(), samples.begin() + y * row, samples.begin() + (y + 1) * row);
   }
-  std::vector<uint8_t> z = {0x78, 0x01};
-  size_t pos = 0;
-  do {
-    const size_t n = std::min<size_t>(raw.size() - pos, 65535);
-    z.insert(z.end(), {static_cast<uint8_t>(pos + n == raw.size()), static_cast<uint8_t>(n),
-                       static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(~n),
-                       static_cast<uint8_t>(~n >> 8)});
-    z.insert(z.end(), raw.begin() + pos, raw.begin() + pos + n);
-    pos += n;
-  } while (pos < raw.size());
-  uint32_t a = 1, b = 0;
-  for (uint8_t v : raw) {
-    a = (a + v) % 65521;
-    b = (b + a) % 65521;
-  }
+  // The zlib header and one final stored block, which holds at most 65535 bytes.
+  if (raw.size() > 65535) throw std::length_error("image data too long for one stored block");
+  const uint32_t n = static_cast<uint32_t>(raw.size()), c = ~n;
+  std::vector<uint8_t> z = {0x78,       0x01,           1, uint8_t(n), uint8_t(n >> 8),
+                            uint8_t(c), uint8_t(c >> 8)};
+  std::copy(raw.begin(), raw.end(), std::back_inserter(z));
+  uint32_t a = 1, b = 0;  // Adler-32
+  for (uint8_t v : raw) a = (a + v) % 65521, b = (b + a) % 65521;
   put_be32(z, (b << 16) | a);
   png_chunk(png, "IDAT", z);
   png_chunk(png, "IEND", {});
