@@ -2,9 +2,6 @@
 // "<level> <tag> <text>", so a whole sequence compares (and prints) at once.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "log_capture.h"
 
 namespace zarvel::test {
@@ -15,10 +12,9 @@ using LogLines = std::vector<std::string>;
 // without a source line, shows as "<tag>!" so that it never equals an expected line.
 inline LogLines drain(LogCapture& log) {
   LogLines lines;
-  for (const LogMessage& m : log.messages()) {
-    const bool well_formed = m.tag_padded && m.line > 0;
-    lines.push_back(std::to_string(m.level) + " " + m.tag + (well_formed ? " " : "! ") + m.text);
-  }
+  for (const LogMessage& m : log.messages())
+    lines.push_back(std::to_string(m.level) + " " + m.tag +
+                    (m.tag_padded && m.line > 0 ? " " : "! ") + m.text);
   log.clear();
   return lines;
 }
