@@ -10,6 +10,7 @@
 
 #include <cmath>
 #include <functional>
+#include <map>
 #include <tuple>
 
 #include "frame_test_support.h"
@@ -43,9 +44,8 @@ FramePtr frame(uint32_t format, int32_t w, int32_t h, int seed = 1, uint32_t mem
 
 // Visible bytes of a frame in either memory type; none for null.
 std::vector<uint8_t> bytes_of(const zarvel_frame_t* f) {
-  if (f == nullptr || zarvel_frame_mem_type(f) == ZARVEL_MEM_HOST)
-    return f ? zarvel::test::visible_bytes(f) : std::vector<uint8_t>{};
-  return zarvel::test::visible_bytes(zarvel::test::to_host(f).get());
+  if (f == nullptr) return {};
+  return zarvel::test::visible_bytes(zarvel_frame_mem_type(f) ? zarvel::test::to_host(f).get() : f);
 }
 
 using FrameOp = std::function<int32_t(zarvel_frame_t* src, zarvel_frame_t** dst)>;
@@ -68,8 +68,8 @@ void expect_refused(const std::string& what, zarvel_frame_t* src, zarvel_frame_t
 }
 
 // The single-frame operations with valid parameters, by name.
+constexpr float kIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
 const std::vector<std::pair<std::string, FrameOp>>& frame_ops() {
-  static const float m[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   static const std::vector<std::pair<std::string, FrameOp>> ops = {
       {"crop", OP(zarvel_frame_crop(s, d, Area2D{0, 0, 4, 4}))},
       {"resize", OP(zarvel_frame_resize(s, d, Size2D{6, 6}))},
@@ -77,8 +77,8 @@ const std::vector<std::pair<std::string, FrameOp>>& frame_ops() {
       {"rotate", OP(zarvel_frame_rotate(s, d, 0))},
       {"equalize_hist", OP(zarvel_frame_equalize_hist(s, d))},
       {"cvt_color", OP(zarvel_frame_cvt_color(s, d, ZARVEL_PIXFMT_BGR24))},
-      {"warpaffine", OP(zarvel_frame_warpaffine(s, d ? *d : nullptr, m))},
-      {"warpperspective", OP(zarvel_frame_warpperspective(s, d ? *d : nullptr, m))}};
+      {"warpaffine", OP(zarvel_frame_warpaffine(s, d ? *d : nullptr, kIdentity))},
+      {"warpperspective", OP(zarvel_frame_warpperspective(s, d ? *d : nullptr, kIdentity))}};
   return ops;
 }
 
@@ -107,8 +107,6 @@ TEST_F(Sweep, NullPointersAreRefused) {
 
   TensorPtr t(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1, 1, 2, 2));
   zarvel_frame_t* none = nullptr;
-  zarvel_tensor_t* no_tensor = nullptr;
-  zarvel_buffer_t* no_buffer = nullptr;
   const int32_t start[4] = {}, shape[4] = {1, 1, 1, 1};
   EXPECT_TRUE(!zarvel_frame_make(0, 1, nullptr, 2, 2, nullptr, nullptr, nullptr, nullptr) &&
               !zarvel_frame_ref(nullptr) && !zarvel_frame_duplicate(nullptr) &&
@@ -131,12 +129,10 @@ TEST_F(Sweep, NullPointersAreRefused) {
               zarvel_tensor_calc_offset(nullptr, 0, 0, 0, 0) == -1 &&
               zarvel_tensor_mem_type(nullptr) == UINT32_MAX &&
               !zarvel_tensor_data_at(nullptr, 0, 0, 0, 0));
-  zarvel_frame_free(nullptr);
-  zarvel_frame_free(&none);
-  zarvel_tensor_free(nullptr);
-  zarvel_tensor_free(&no_tensor);
-  zarvel_buffer_free(nullptr);
-  zarvel_buffer_free(&no_buffer);
+  zarvel_tensor_t* no_tensor = nullptr;
+  zarvel_buffer_t* no_buffer = nullptr;
+  zarvel_frame_free(nullptr), zarvel_frame_free(&none), zarvel_tensor_free(nullptr);
+  zarvel_tensor_free(&no_tensor), zarvel_buffer_free(nullptr), zarvel_buffer_free(&no_buffer);
 }
 
 // Sizes, strides, ratios and codes no frame, tensor or buffer may take, through the frame
@@ -181,13 +177,6 @@ TEST_F(Sweep, OddYuv420SizesAreRefusedBeforeTouchingPixels) {
   for (uint32_t format : {ZARVEL_PIXFMT_NV12, ZARVEL_PIXFMT_NV21, ZARVEL_PIXFMT_YU12}) {
     SCOPED_TRACE(zarvel_frame_pixfmt_to_string(format));
     FramePtr src = frame(format, 8, 8), given = frame(format, 8, 8, 9);
-    // Odd sizes asked for through parameters. (A given even output takes an odd-sized resize
-    // in its top-left corner, so only the allocating form must refuse.)
-    for (const auto [w, h] : {Size2D{7, 8}, Size2D{8, 7}, Size2D{1, 1}}) {
-      expect_refused("resize", src.get(), nullptr, OP(zarvel_frame_resize(s, d, Size2D{w, h})));
-      expect_refused("crop", src.get(), given.get(), OP(zarvel_frame_crop(s, d, {0, 0, w, h})));
-    }
-    expect_refused("scale to 3", src.get(), nullptr, OP(zarvel_frame_scale(s, d, 0.375f)));
     // A record whose size became odd: every operation but colour conversion (which leaves odd
     // sizes open and must only stay inside the planes) refuses it.
     zarvel_frame_t odd = *src, *out = nullptr;
@@ -218,13 +207,14 @@ TEST_F(Sweep, MismatchedOutputsAreRefusedAndKept) {
   }
 }
 
-// Crops far outside the frame and warps with non-finite or huge entries: any status, a
+// Crops far outside the frame, with corners whose sums wrap in 32 bits: any status, a
 // successful crop has the asked size, and no pixel read lies outside the source (ASan, and
-// the sentinel rows of the frame library's allocation).
-TEST_F(Sweep, CropsOutsideTheFrameAndNonFiniteWarpsAreSafe) {
+// the sentinel rows of the frame library's allocation). (Non-finite warps are in the warp
+// kernels' model test; collinear and coincident points in the estimators' test.)
+TEST_F(Sweep, CropsFarOutsideTheFrameAndNonFiniteEstimatesAreSafe) {
   for (uint32_t format : kAllFormats) {
     SCOPED_TRACE(zarvel_frame_pixfmt_to_string(format));
-    FramePtr src = frame(format, 16, 8), out = frame(format, 10, 6);
+    FramePtr src = frame(format, 16, 8);
     for (const Area2D a :
          {Area2D{-100, -100, 4, 4}, Area2D{100, 100, 4, 4}, Area2D{-2, -2, 20, 12},
           Area2D{kMax - 3, kMax - 3, 2, 2}, Area2D{kMin, kMin, 2, 2}, Area2D{14, 6, 4, 4}}) {
@@ -234,29 +224,16 @@ TEST_F(Sweep, CropsOutsideTheFrameAndNonFiniteWarpsAreSafe) {
           << a.x;
       zarvel_frame_free(&crop);
     }
-    for (float v : {kNaN, kInf, -kInf, 1e30f, -1e30f, 3e9f, 0.0f})
-      for (int i = 0; i < 9; ++i) {
-        float m[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-        m[i] = v;
-        zarvel_frame_warpaffine(src.get(), out.get(), m);
-        zarvel_frame_warpperspective(src.get(), out.get(), m);
-      }
   }
-}
-
-// The estimators check nothing by design (null pointers are the caller's fault); counts and
-// degenerate or non-finite points must still stay inside the given arrays.
-TEST_F(Sweep, EstimatorsSurviveDegeneratePoints) {
-  const float pts[6] = {0, 0, 1, 0, 0, 1}, line[6] = {0, 0, 1, 1, 2, 2};
-  const float same[6] = {1, 1, 1, 1, 1, 1}, bad[6] = {kNaN, 0, kInf, 0, 0, -kInf};
+  // The estimators check nothing by design (null pointers are the caller's fault); counts and
+  // non-finite points must still stay inside the given arrays.
+  const float pts[6] = {0, 0, 1, 0, 0, 1}, bad[6] = {kNaN, 0, kInf, 0, 0, -kInf};
   float fwd[9], inv[9];
   for (int32_t n : {0, -1, kMin}) zarvel_find_rigid_transform(pts, pts, n, fwd);
-  for (const float* p : {line, same, bad}) {
-    zarvel_find_affine_transform(p, pts, fwd, inv);
-    zarvel_find_similarity_transform(p, pts, fwd, inv);
-    zarvel_find_rigid_transform(p, pts, 3, fwd);
-    zarvel_find_rigid_transform(pts, p, 3, fwd);
-  }
+  zarvel_find_affine_transform(bad, pts, fwd, inv);
+  zarvel_find_similarity_transform(bad, pts, fwd, inv);
+  zarvel_find_rigid_transform(bad, pts, 3, fwd);
+  zarvel_find_rigid_transform(pts, bad, 3, fwd);
 }
 
 // Runs `call` on a valid argument record (which must succeed), then once per spoiler on a
@@ -297,10 +274,7 @@ TEST_F(Sweep, TensorPathsRefuseBadArguments) {
   // An item far larger than the tensor: only the corner the tensor holds is computed, so a
   // size whose pixel count passes 2^47 is clipped like any other, without huge tables.
   Size2D clipped[3] = {{1 << 24, 1 << 24}, {8, 8}, {8, 8}};
-  float matrices[27];
-  for (int i = 0; i < 27; ++i) matrices[i] = (i % 9) % 4 == 0 ? 1.0f : 0.0f;
   const float ones[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};  // means, deviations and pads
-  float sy[3], sx[3];
   zarvel_buffer_t* scratch = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
 
   // One item: null pointers, an unknown colour type, and offsets that put the item before the
@@ -315,19 +289,17 @@ TEST_F(Sweep, TensorPathsRefuseBadArguments) {
 
   using O = TransformToTensorOption;
   const O base{
-      t.get(), 0,       ZARVEL_TRANSFORM_RESIZE, 2, frames, rois, sizes, matrices, {}, {1, 1, 1},
+      t.get(), 0,       ZARVEL_TRANSFORM_RESIZE, 2, frames, rois, sizes, nullptr, {}, {1, 1, 1},
       nullptr, &scratch};
   EXPECT_NE(zarvel_frame_transform_to_tensor(nullptr), 0);
-  // Nulls, more items than the tensor holds, unknown colour types and modes, bad items, and
-  // warp modes without matrices.
+  // Nulls, more items than the tensor holds, unknown colour types and modes, and bad items.
+  // (Warp modes without matrices and refused regions are in the transform tests.)
   expect_spoilers_refused<O>(
       base, [](O& o) { return zarvel_frame_transform_to_tensor(&o); },
       {set(&O::tensor, nullptr), set(&O::frames, nullptr), set(&O::rois, nullptr),
        set(&O::sizes, nullptr), set(&O::buffer, nullptr), set(&O::frame_count, 3u),
        set(&O::color_type, 3u), set(&O::flags, 4u), set(&O::flags, 15u), set(&O::sizes, huge_size),
-       set(&O::rois, negative), set(&O::rois, huge_roi), set(&O::frames, with_null),
-       [](O& o) { o.flags = ZARVEL_TRANSFORM_AFFINE, o.matrices = nullptr; },
-       [](O& o) { o.flags = ZARVEL_TRANSFORM_PERSPECTIVE, o.matrices = nullptr; }});
+       set(&O::rois, negative), set(&O::rois, huge_roi), set(&O::frames, with_null)});
   O big = base;
   big.frame_count = 1;
   big.sizes = clipped;
@@ -336,30 +308,22 @@ TEST_F(Sweep, TensorPathsRefuseBadArguments) {
   using Batch =
       std::tuple<zarvel_tensor_t*, uint32_t, uint64_t, zarvel_frame_t**, const Area2D*, int32_t,
                  const float*, const float*, const float*, zarvel_buffer_t**, float*, float*>;
-  const auto batch = [](Batch& a) { return std::apply(zarvel_frame_transform_to_tensor_batch, a); };
   expect_spoilers_refused<Batch>(
-      {t.get(), 0, 2, frames, rois, 0, ones, ones, ones, &scratch, sy, sx}, batch,
+      {t.get(), 0, 2, frames, rois, 0, ones, ones, ones, &scratch, nullptr, nullptr},
+      [](Batch& a) { return std::apply(zarvel_frame_transform_to_tensor_batch, a); },
       {set<0>(nullptr), set<3>(nullptr), set<4>(nullptr), set<6>(nullptr), set<7>(nullptr),
        set<9>(nullptr), set<2>(uint64_t{3}), set<1>(3u), set<3>(with_null), set<5>(-1), set<5>(2),
        set<5>(kMax)});
-  // Empty and negative regions are refused; others read 0 outside the frame.
-  for (const Area2D bad : {Area2D{0, 0, 0, 8}, Area2D{0, 0, -8, 8}, Area2D{0, 0, kMax, kMax},
-                           Area2D{kMin, kMin, 8, 8}}) {
-    const Area2D r[2] = {rois[0], bad};
-    Batch a{t.get(), 0, 2, frames, r, 1, ones, ones, ones, &scratch, sy, sx};
-    EXPECT_TRUE(batch(a) != 0 || bad.width > 0);
-  }
   zarvel_buffer_free(&scratch);
 
-  // Back to frames: null arguments, an unknown colour type and items outside the batch fail.
+  // Back to frames: null arguments, an unknown colour type and items whose offsets overflow
+  // fail. (Items just outside the batch are in the tensor tests.)
   zarvel_frame_t* out = nullptr;
   EXPECT_TRUE(zarvel_tensor_to_frames(nullptr, 0, 0, &out) &&
               zarvel_tensor_to_frames(t.get(), 0, 0, nullptr) &&
-              zarvel_tensor_to_frames(t.get(), ~0u, 0, &out) && out == nullptr);
-  for (int64_t index : {int64_t{-1}, int64_t{2}, int64_t{1} << 40, int64_t{kMin}}) {
-    EXPECT_NE(zarvel_tensor_to_frames(t.get(), 0, index, &out), 0) << index;
-    zarvel_frame_free(&out);
-  }
+              zarvel_tensor_to_frames(t.get(), ~0u, 0, &out) &&
+              zarvel_tensor_to_frames(t.get(), 0, int64_t{1} << 40, &out) &&
+              zarvel_tensor_to_frames(t.get(), 0, INT64_MIN, &out) && out == nullptr);
 }
 
 // Every operation on a device source succeeds through the host, logs its fallback messages
@@ -370,31 +334,27 @@ TEST_F(Sweep, DeviceSourcesFallBackToTheHostRun) {
   TensorPtr owner(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1, 1, 6, 6));
   zarvel_tensor_t* t = owner.get();
   zarvel_buffer_t* scratch = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
-  static const float ones[3] = {1, 1, 1};
+  Area2D roi{1, 1, 6, 5};
+  Size2D size{6, 6};
+  zarvel_frame_t* item = nullptr;  // the fused transform's one frame
+  const TransformToTensorOption o{
+      t,       2,       ZARVEL_TRANSFORM_RESIZE, 1, &item, &roi, &size, nullptr, {}, {1, 1, 1},
+      nullptr, &scratch};
   std::vector<std::pair<std::string, FrameOp>> ops = frame_ops();
-  ops.emplace_back("frame_to_tensor", OP(zarvel_frame_to_tensor(t, 0, 2, s, ones, ones, ones)));
-  ops.emplace_back("frame_transform_to_tensor", [&](zarvel_frame_t* s, zarvel_frame_t**) {
-    Area2D roi{1, 1, 6, 5};
-    Size2D size{6, 6};
-    const TransformToTensorOption o{
-        t,       2,       ZARVEL_TRANSFORM_RESIZE, 1, &s, &roi, &size, nullptr, {}, {1, 1, 1},
-        nullptr, &scratch};
-    return zarvel_frame_transform_to_tensor(&o);
-  });
+  ops.emplace_back("frame_to_tensor", OP(zarvel_frame_to_tensor(t, 0, 2, s, o.mean, o.std, o.std)));
+  ops.emplace_back("frame_transform_to_tensor",
+                   OP((*o.frames = s, zarvel_frame_transform_to_tensor(&o))));
   // A crop inside the frame is a frame copy, which moves device pixels itself: no messages.
-  // Scaling runs through the resize export.
-  const auto expected = [](const std::string& name) -> LogLines {
-    if (name == "crop") return {};
-    if (name == "frame_to_tensor")
-      return {
-          "0 aux.host [frame_utils_cpu_to_tensor] Memory type not match between frame and "
-          "tensor, will follow tensor memory type: host.\n"};
-    if (name == "frame_transform_to_tensor")
-      return {
-          "0 aux [zarvel_frame_transform_to_tensor] frame mem type: zdev, buffer mem type: "
-          "host, reallocate buffer memory.\n"};
-    return zarvel::test::device_fallback("zarvel_frame_" + (name == "scale" ? "resize" : name));
-  };
+  // Scaling runs through the resize export; the tensor paths log a download note of their own.
+  std::map<std::string, LogLines> own = {
+      {"crop", {}},
+      {"scale", zarvel::test::device_fallback("zarvel_frame_resize")},
+      {"frame_to_tensor",
+       {"0 aux.host [frame_utils_cpu_to_tensor] Memory type not match between frame and tensor, "
+        "will follow tensor memory type: host.\n"}},
+      {"frame_transform_to_tensor",
+       {"0 aux [zarvel_frame_transform_to_tensor] frame mem type: zdev, buffer mem type: host, "
+        "reallocate buffer memory.\n"}}};
   for (const auto& [name, op] : ops) {
     SCOPED_TRACE(name);
     const bool grey = name == "equalize_hist" || name.ends_with("tensor");
@@ -403,14 +363,16 @@ TEST_F(Sweep, DeviceSourcesFallBackToTheHostRun) {
     for (uint32_t mem : {ZARVEL_MEM_HOST, ZARVEL_MEM_DEVICE}) {
       FramePtr src = frame(format, 8, 8, 1, mem);
       zarvel_frame_t* out = name.starts_with("warp") ? frame(format, 8, 8, 2, mem).release() : 0;
-      std::fill_n(static_cast<float*>(zarvel_tensor_raw_pointer(t)), 36, 0.0f);
+      auto* tensor = static_cast<uint8_t*>(zarvel_tensor_raw_pointer(t));
+      std::fill_n(tensor, 36 * sizeof(float), 0);
       ASSERT_EQ(op(src.get(), &out), 0);
       FramePtr owned(out);
       EXPECT_TRUE(out == nullptr || zarvel_frame_mem_type(out) == mem);
       results[mem] = bytes_of(out);
-      const auto* f = static_cast<const uint8_t*>(zarvel_tensor_raw_pointer(t));
-      results[mem].insert(results[mem].end(), f, f + 36 * sizeof(float));
-      EXPECT_EQ(zarvel::test::drain(log_), mem ? expected(name) : LogLines{});
+      results[mem].insert(results[mem].end(), tensor, tensor + 36 * sizeof(float));
+      const LogLines want =
+          own.contains(name) ? own[name] : zarvel::test::device_fallback("zarvel_frame_" + name);
+      EXPECT_EQ(zarvel::test::drain(log_), mem ? want : LogLines{});
     }
     EXPECT_EQ(results[0], results[1]);
   }

@@ -6,40 +6,33 @@
 
 #include <atomic>
 #include <thread>
-#include <vector>
 
 #include "frame_test_support.h"
 #include "log_capture.h"
 
 namespace {
 
-using zarvel::test::fill_pattern;
-using zarvel::test::visible_bytes;
-
-// Appends a status and, on success, the result's visible bytes.
-void append_frame(std::vector<uint8_t>& out, zarvel_frame_t* f, int32_t status) {
-  out.push_back(static_cast<uint8_t>(status));
-  const std::vector<uint8_t> bytes = status == 0 && f ? visible_bytes(f) : std::vector<uint8_t>{};
-  out.insert(out.end(), bytes.begin(), bytes.end());
-}
-
 zarvel_frame_t* make(uint32_t format, int32_t w, int32_t h, int seed) {
   zarvel_frame_t* f = zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 0);
-  fill_pattern(f, seed);
+  zarvel::test::fill_pattern(f, seed);
   return f;
 }
 
-// Every operation once on fresh frames; the bytes of all results in one vector.
+// Every operation once on fresh frames; the statuses and bytes of all results in one vector.
 std::vector<uint8_t> run_all(int seed) {
   std::vector<uint8_t> out;
+  // Appends a status and, on success, the frame's visible bytes; frees the frame.
+  const auto append = [&out](int32_t status, zarvel_frame_t* f) {
+    out.push_back(static_cast<uint8_t>(status));
+    const std::vector<uint8_t> bytes = f ? zarvel::test::visible_bytes(f) : std::vector<uint8_t>{};
+    out.insert(out.end(), bytes.begin(), bytes.end());
+    zarvel_frame_free(&f);
+  };
+  // Runs op(&slot) with the slot holding `dst` (null: the operation allocates).
+  const auto one = [&](zarvel_frame_t* dst, auto op) { append(op(&dst), dst); };
   zarvel_frame_t* rgb = make(ZARVEL_PIXFMT_RGB24, 37, 29, seed);
   zarvel_frame_t* nv12 = make(ZARVEL_PIXFMT_NV12, 40, 22, seed);
   zarvel_frame_t* grey = make(ZARVEL_PIXFMT_GREY, 35, 27, seed);
-  // Runs op(&slot) with the slot holding `dst` (null: the operation allocates).
-  const auto one = [&out](zarvel_frame_t* dst, auto op) {
-    append_frame(out, dst, op(&dst));
-    zarvel_frame_free(&dst);
-  };
   using Slot = zarvel_frame_t**;
   one(nullptr, [&](Slot d) { return zarvel_frame_resize(nv12, d, Size2D{66, 18}); });
   one(nullptr, [&](Slot d) { return zarvel_frame_rotate(rgb, d, 2); });
@@ -64,28 +57,21 @@ std::vector<uint8_t> run_all(int seed) {
       tensor, 0, 2, frames, rois, 0, mean, std3, pads, &scratch, sy, sx)));
   const auto* t = static_cast<const uint8_t*>(zarvel_tensor_raw_pointer(tensor));
   out.insert(out.end(), t, t + 2 * 3 * 24 * 24 * sizeof(float));
-  zarvel_frame_t* back = nullptr;
-  append_frame(out, back, zarvel_tensor_to_frames(tensor, 1, 1, &back));
-  zarvel_frame_free(&back);
+  one(nullptr, [&](Slot d) { return zarvel_tensor_to_frames(tensor, 1, 1, d); });
 
   zarvel_buffer_t* png = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
   out.push_back(static_cast<uint8_t>(zarvel_frame_encode(rgb, ZARVEL_IMAGE_PNG, png)));
-  zarvel_frame_t* loaded = zarvel_frame_load_from_memory(
-      zarvel_buffer_raw_pointer(png), static_cast<int32_t>(zarvel_buffer_size(png)));
-  append_frame(out, loaded, loaded != nullptr ? 0 : 1);
-  zarvel_frame_free(&loaded);
-
-  zarvel_buffer_free(&png);
-  zarvel_buffer_free(&scratch);
+  append(0, zarvel_frame_load_from_memory(zarvel_buffer_raw_pointer(png),
+                                          static_cast<int32_t>(zarvel_buffer_size(png))));
+  for (zarvel_buffer_t* b : {png, scratch}) zarvel_buffer_free(&b);
   zarvel_tensor_free(&tensor);
   for (zarvel_frame_t* f : {grey, nv12, rgb}) zarvel_frame_free(&f);
   return out;
 }
 
 TEST(Threads, ConcurrentOperationsMatchSingleThreaded) {
-  zarvel::test::LogCapture log;  // the sink is shared by every thread
-  constexpr int kThreads = 8;
-  constexpr int kSeeds = 2;  // threads share seeds pairwise but never frames
+  zarvel::test::LogCapture log;            // the sink is shared by every thread
+  constexpr int kThreads = 8, kSeeds = 2;  // threads share seeds pairwise but never frames
   std::atomic<int> ready{0};
   std::vector<std::vector<uint8_t>> results(kThreads);
   std::vector<std::thread> threads;
