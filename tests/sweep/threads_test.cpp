@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <zarvel/aux.h>
 
-#include <atomic>
+#include <latch>
 #include <thread>
 
 #include "frame_test_support.h"
@@ -52,9 +52,8 @@ std::vector<uint8_t> run_all(int seed) {
   zarvel_frame_t* frames[2] = {rgb, rgb};
   const Area2D rois[2] = {{0, 0, 30, 20}, {5, 5, 40, 40}};
   zarvel_buffer_t* scratch = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
-  float sy[2], sx[2];
   out.push_back(static_cast<uint8_t>(zarvel_frame_transform_to_tensor_batch(
-      tensor, 0, 2, frames, rois, 0, mean, std3, pads, &scratch, sy, sx)));
+      tensor, 0, 2, frames, rois, 0, mean, std3, pads, &scratch, nullptr, nullptr)));
   const auto* t = static_cast<const uint8_t*>(zarvel_tensor_raw_pointer(tensor));
   out.insert(out.end(), t, t + 2 * 3 * 24 * 24 * sizeof(float));
   one(nullptr, [&](Slot d) { return zarvel_tensor_to_frames(tensor, 1, 1, d); });
@@ -72,17 +71,16 @@ std::vector<uint8_t> run_all(int seed) {
 TEST(Threads, ConcurrentOperationsMatchSingleThreaded) {
   zarvel::test::LogCapture log;            // the sink is shared by every thread
   constexpr int kThreads = 8, kSeeds = 2;  // threads share seeds pairwise but never frames
-  std::atomic<int> ready{0};
   std::vector<std::vector<uint8_t>> results(kThreads);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([i, &ready, &results] {
-      ready.fetch_add(1);
-      while (ready.load() < kThreads) std::this_thread::yield();
-      for (int round = 0; round < 2; ++round) results[i] = run_all(i % kSeeds);
-    });
+  {
+    std::latch start(kThreads);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < kThreads; ++i)
+      threads.emplace_back([i, &start, &results] {
+        start.arrive_and_wait();
+        for (int round = 0; round < 2; ++round) results[i] = run_all(i % kSeeds);
+      });
   }
-  for (std::thread& t : threads) t.join();
   for (int seed = 0; seed < kSeeds; ++seed) {
     const std::vector<uint8_t> expected = run_all(seed);
     ASSERT_GT(expected.size(), 1000u);
