@@ -4,11 +4,11 @@
 #include <sys/wait.h>
 #include <zarvel/aux.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <set>
-#include <sstream>
 
 #include "frame_api/frame_api.h"
 #include "frame_test_support.h"
@@ -57,22 +57,17 @@ class ToolTest : public ::testing::Test {
     char pattern[] = "/tmp/zarvel-aux-test-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
     dir_ = pattern;
-    rgb_ = make(ZARVEL_PIXFMT_RGB24, 40, 30, "in.png");
-    grey_ = make(ZARVEL_PIXFMT_GREY, 20, 40, "grey.png");
+    for (const auto& [format, w, h, name] : {std::tuple{ZARVEL_PIXFMT_RGB24, 40, 30, "in.png"},
+                                             std::tuple{ZARVEL_PIXFMT_GREY, 20, 40, "grey.png"}}) {
+      Frame f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 0));
+      zarvel::test::fill_pattern(f.get(), 3);
+      ASSERT_EQ(zarvel_frame_save(f.get(), path(name).c_str()), 0);
+    }
   }
   void TearDown() override { fs::remove_all(dir_); }
-
-  Frame make(uint32_t format, int32_t w, int32_t h, const char* name) {
-    Frame f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 0));
-    zarvel::test::fill_pattern(f.get(), 3);
-    EXPECT_EQ(zarvel_frame_save(f.get(), path(name).c_str()), 0);
-    return f;
-  }
   std::string path(const std::string& name) const { return (dir_ / name).string(); }
   Frame load(const std::string& name) const { return Frame(zarvel_frame_load(path(name).c_str())); }
-  std::set<fs::path> files() const {
-    return {fs::recursive_directory_iterator(dir_), fs::recursive_directory_iterator()};
-  }
+  std::set<fs::path> files() const { return {fs::recursive_directory_iterator(dir_), {}}; }
 
   // Runs the tool in the scratch directory (file names in `args` are relative to it) with its
   // output and error streams captured; status 128 + n for signal n.
@@ -91,7 +86,6 @@ class ToolTest : public ::testing::Test {
   }
 
   fs::path dir_;
-  Frame rgb_, grey_;
 };
 
 TEST_F(ToolTest, InfoAndHelp) {
@@ -102,12 +96,8 @@ TEST_F(ToolTest, InfoAndHelp) {
   for (const char* family : {"resize", "cvt", "rotate", "warp", "equalize", "tensor"})
     EXPECT_NE(r.out.find(std::string("  ") + family), std::string::npos) << family;
   for (const std::string sub :
-       {"info", "crop", "resize", "rotate", "cvt", "warp", "equalize", "tensor", "demo"}) {
-    const Result h = tool(sub + " --help");
-    EXPECT_TRUE(h.status == 0 && h.out.find(sub) != h.out.npos &&
-                h.out.find("--help") != h.out.npos)
-        << sub;
-  }
+       {"info", "crop", "resize", "rotate", "cvt", "warp", "equalize", "tensor", "demo"})
+    EXPECT_TRUE(tool(sub + " --help").out.find(sub) != std::string::npos) << sub;
 }
 
 // A library call on `s` (the source) and `d` (the output slot); a warp writes into a new frame
@@ -122,7 +112,8 @@ using Op = std::function<int32_t(zarvel_frame_t*, zarvel_frame_t**)>;
 // second and third words are the input and the output.
 TEST_F(ToolTest, FrameOperationsGiveTheLibraryResult) {
   const Op shift = WARP(zarvel_frame_warpaffine, 40, 30, 1, 0, 3, 0, 1, 2);
-  // Points (3, 2), (13, 2), (3, 12) onto (0, 0), (10, 0), (0, 10): the same shift.
+  // Points (3, 2), (13, 2), (3, 12) onto (0, 0), (10, 0), (0, 10): the same shift. (Each
+  // model gives it, so only one is run.)
   const std::string points =
       "warp in.png p.png --from-points 3,2,13,2,3,12 --to-points 0,0,10,0,0,10 --model ";
   const std::pair<std::string, Op> cases[] = {
@@ -135,33 +126,31 @@ TEST_F(ToolTest, FrameOperationsGiveTheLibraryResult) {
       {"equalize grey.png r.png", OP(zarvel_frame_equalize_hist(s, d))},
       {"warp in.png a.png --affine 1,0,3,0,1,2", shift},
       {points + "affine", shift},
-      {points + "similarity", shift},
-      {points + "rigid", shift},
       {"warp in.png q.png --perspective 1,0,0,0,1,0,0,0,1 --size 20x10",
        WARP(zarvel_frame_warpperspective, 20, 10, 1, 0, 0, 0, 1, 0, 0, 0, 1)},
   };
   for (const auto& [command, op] : cases) {
     const Result r = tool(command);
     ASSERT_EQ(r.status, 0) << command << ": " << r.err;
-    std::istringstream words(command);
-    std::string sub, in, out;
-    words >> sub >> in >> out;
+    char in[16], out[16];
+    ASSERT_EQ(std::sscanf(command.c_str(), "%*s %15s %15s", in, out), 2);
     zarvel_frame_t* expected = nullptr;
     ASSERT_EQ(op(load(in).get(), &expected), 0) << command;
     EXPECT_TRUE(same_pixels(load(out).get(), Frame(expected).get())) << command;
   }
 }
 
-// NV12 goes out as raw planes, and comes back in with its size and format given.
+// NV12 goes out as raw planes (their bytes exactly), and comes back in with its size and
+// format given: the library's conversions both ways.
 TEST_F(ToolTest, CvtWritesAndReadsRawYuv) {
   ASSERT_EQ(tool("cvt in.png out.nv12 --to NV12").status, 0);
+  ASSERT_EQ(tool("cvt out.nv12 back.png --raw 40x30:nv12 --to RGB24").status, 0);
   zarvel_frame_t *nv12 = nullptr, *back = nullptr;
-  ASSERT_EQ(zarvel_frame_cvt_color(rgb_.get(), &nv12, ZARVEL_PIXFMT_NV12), 0);
+  ASSERT_EQ(zarvel_frame_cvt_color(load("in.png").get(), &nv12, ZARVEL_PIXFMT_NV12), 0);
   ASSERT_EQ(zarvel_frame_cvt_color(nv12, &back, ZARVEL_PIXFMT_RGB24), 0);
   const Frame nv12_owner(nv12), back_owner(back);
   const std::vector<uint8_t> want = zarvel::test::visible_bytes(nv12);
-  EXPECT_EQ(slurp(path("out.nv12")), bytes(want.data(), want.size()));
-  ASSERT_EQ(tool("cvt out.nv12 back.png --raw 40x30:nv12 --to RGB24").status, 0);
+  EXPECT_EQ(slurp(path("out.nv12")), std::string(want.begin(), want.end()));
   EXPECT_TRUE(same_pixels(load("back.png").get(), back));
 }
 
@@ -173,9 +162,9 @@ TEST_F(ToolTest, TensorWritesNpyThatMatchesTheLibrary) {
   EXPECT_TRUE(t.descr == "<f4" && t.shape == "2, 3, 16, 16") << t.descr << t.shape;
   // The library on the same frames (the grey one as RGB24, as the tool feeds it).
   zarvel_frame_t* grey_rgb = nullptr;
-  ASSERT_EQ(zarvel_frame_cvt_color(grey_.get(), &grey_rgb, ZARVEL_PIXFMT_RGB24), 0);
-  const Frame grey_owner(grey_rgb);
-  zarvel_frame_t* frames[2] = {rgb_.get(), grey_rgb};
+  ASSERT_EQ(zarvel_frame_cvt_color(load("grey.png").get(), &grey_rgb, ZARVEL_PIXFMT_RGB24), 0);
+  const Frame rgb = load("in.png"), grey_owner(grey_rgb);
+  zarvel_frame_t* frames[2] = {rgb.get(), grey_rgb};
   const Area2D rois[2] = {{0, 0, 40, 30}, {0, 0, 20, 40}};
   const float mean[3] = {10, 20, 30}, std[3] = {2, 4, 8}, pads[6] = {1, 2, 3, 1, 2, 3};
   zarvel::aux::TensorPtr expected(
@@ -241,13 +230,9 @@ TEST_F(ToolTest, DemoWritesEveryResult) {
                            "scale.jpg", "rotate90.png", "nv12.yuv", "grey.png", "equalize.png",
                            "warp_affine.png", "warp_perspective.png"})
     EXPECT_TRUE(fs::exists(dir_ / "demo" / name) && r.out.find(name) != std::string::npos) << name;
-  const Frame chart = load("demo/chart.png"), box = load("demo/letterbox.png");
-  ASSERT_TRUE(chart && chart->width == 64 && chart->height == 48);
+  const Frame box = load("demo/letterbox.png");
   ASSERT_TRUE(box && box->width == 256 && box->height == 256);
-  EXPECT_TRUE(chart->plane[0][0] == 255 && chart->plane[0][63 * 3] == 0);  // white to black bars
   EXPECT_EQ(box->plane[0][255 * box->stride[0]], 114);  // padding below the 4:3 chart
-  EXPECT_EQ(read_npy(dir_ / "demo" / "preprocess.npy").shape, "1, 3, 224, 224");
-  EXPECT_EQ(slurp(dir_ / "demo" / "nv12.yuv").size(), 64u * 48 * 3 / 2);
 }
 
 }  // namespace
