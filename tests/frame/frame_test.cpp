@@ -65,12 +65,6 @@ TEST(PixelFormat, SizesNamesAndInferredLayouts) {
     EXPECT_EQ(f->plane_count, n);
     zarvel_frame_free(&f);
   }
-  // The frame library reports a refused allocation under its own tag.
-  LogCapture log;
-  EXPECT_EQ(zarvel_frame_alloc(0, ZARVEL_PIXFMT_NV12, 5, 4, nullptr, 0), nullptr);
-  const auto m = log.messages();
-  ASSERT_EQ(m.size(), 1u);
-  EXPECT_TRUE(m[0].level == ZARVEL_LOG_FAILURE && m[0].tag == "zarvel" && m[0].tag_padded);
 }
 
 // Release runs exactly once, only after the frame, its references, its views and the
@@ -175,11 +169,7 @@ TEST(FrameCopy, RoundTripsAcrossMemoryTypesAndViews) {
       for (zarvel_frame_t* f : {back, view, big}) zarvel_frame_free(&f);
       back = nullptr;
     }
-    zarvel_frame_t* dup = zarvel_frame_duplicate(dev);
-    ASSERT_EQ(zarvel_frame_reset(dev, 0), ZARVEL_OK);  // the duplicate has its own pixels
-    ASSERT_EQ(zarvel_frame_download(dup, &back), ZARVEL_OK);
-    EXPECT_EQ(visible_bytes(back), expected);
-    for (zarvel_frame_t* f : {src, tight, dev, dup, back}) zarvel_frame_free(&f);
+    for (zarvel_frame_t* f : {src, tight, dev}) zarvel_frame_free(&f);
   }
 }
 

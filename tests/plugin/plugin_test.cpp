@@ -21,9 +21,6 @@ namespace {
 TEST(Identity, NamesVersionAndBanner) {
   EXPECT_STREQ(__plugin_name(), "zarvel_aux");
   EXPECT_STREQ(zarvel_aux_version(), "1.4.1");
-  // Static strings: the same pointers on every call.
-  EXPECT_TRUE(zarvel_aux_meta() == zarvel_aux_meta() &&
-              zarvel_aux_revision() == zarvel_aux_revision());
   const std::string revision = zarvel_aux_revision();
   EXPECT_TRUE(std::regex_match(revision, std::regex("[0-9a-f]{40}"))) << revision;
   // Line by line; the component line's trailing blank is part of it.
@@ -135,48 +132,40 @@ TEST(PrepareOutput, AllocatesOrValidatesTheOutput) {
                       even("is_same_frame_fmt_and_memtype", 6, 3)}));
 }
 
-// A grey ramp with metadata through a slot that writes 255 - src (or fails with `status`):
-// the slot only ever sees host frames; on success the output keeps the source's memory type
-// and inherits its metadata; on failure only an output the call allocated is freed.
-TEST(Dispatch, HostAndDeviceSourcesThroughASlot) {
-  for (uint32_t mem : {ZARVEL_MEM_HOST, ZARVEL_MEM_DEVICE}) {
-    SCOPED_TRACE(mem);
-    zarvel::test::LogCapture log;
-    auto host = alloc(ZARVEL_PIXFMT_GREY, 6, 4);
-    for (int i = 0; i < 24; ++i) host->plane[0][i] = uint8_t(i);  // tight rows
-    za::FramePtr device = mem ? zarvel::test::to_device(host.get()) : nullptr;
-    zarvel_frame_t* src = mem ? device.get() : host.get();
-    src->meta_word0 = 11;
-    src->extra = zarvel_buffer_alloc(16, ZARVEL_MEM_HOST);
-    int calls = 0;
-    int32_t status = za::kOk;
-    const auto slot = [&](zarvel_frame_t* s, zarvel_frame_t* d) {
-      ++calls;
-      EXPECT_TRUE(zarvel_frame_mem_type(s) == ZARVEL_MEM_HOST && zarvel_frame_mem_type(d) == 0);
-      for (int i = 0; status == za::kOk && i < 24; ++i) d->plane[0][i] = 255 - s->plane[0][i];
-      return status;
-    };
-    zarvel_frame_t* out = nullptr;
-    ASSERT_EQ(za::prepare_output(src, &out, {6, 4}, kOp), za::kOk);
-    ASSERT_EQ(za::dispatch_frame_op(kOp, src, &out, true, slot), za::kOk);
-    za::FramePtr owned(out);
-    EXPECT_TRUE(zarvel_frame_mem_type(out) == mem && out->meta_word0 == 11u &&
-                out->extra == src->extra);
-    const za::FramePtr result = zarvel::test::to_host(out);
-    for (int i = 0; i < 24; ++i) EXPECT_EQ(result->plane[0][i], 255 - i);
-    EXPECT_EQ(drain(log), mem == 0 ? LogLines{} : zarvel::test::device_fallback(kOp));
+// A grey ramp with metadata through a slot that writes 255 - src (or fails with `status`): on
+// success the output inherits the source's metadata; on failure only an output the call
+// allocated is freed. (Device sources through every operation's slot are in the sweep.)
+TEST(Dispatch, ThroughASlot) {
+  zarvel::test::LogCapture log;
+  auto src = alloc(ZARVEL_PIXFMT_GREY, 6, 4);
+  for (int i = 0; i < 24; ++i) src->plane[0][i] = uint8_t(i);  // tight rows
+  src->meta_word0 = 11;
+  src->extra = zarvel_buffer_alloc(16, ZARVEL_MEM_HOST);
+  int calls = 0;
+  int32_t status = za::kOk;
+  const auto slot = [&](zarvel_frame_t* s, zarvel_frame_t* d) {
+    ++calls;
+    for (int i = 0; status == za::kOk && i < 24; ++i) d->plane[0][i] = 255 - s->plane[0][i];
+    return status;
+  };
+  zarvel_frame_t* out = nullptr;
+  ASSERT_EQ(za::prepare_output(src.get(), &out, {6, 4}, kOp), za::kOk);
+  ASSERT_EQ(za::dispatch_frame_op(kOp, src.get(), &out, true, slot), za::kOk);
+  za::FramePtr owned(out);
+  EXPECT_TRUE(out->meta_word0 == 11u && out->extra == src->extra);
+  for (int i = 0; i < 24; ++i) EXPECT_EQ(out->plane[0][i], 255 - i);
+  EXPECT_EQ(drain(log), LogLines{});
 
-    status = -1000;
-    zarvel_frame_t* fresh = nullptr;
-    ASSERT_EQ(za::prepare_output(src, &fresh, {6, 4}, kOp), za::kOk);
-    EXPECT_EQ(za::dispatch_frame_op(kOp, src, &fresh, true, slot), -1000);
-    EXPECT_EQ(fresh, nullptr);
-    auto given = alloc(ZARVEL_PIXFMT_GREY, 6, 4, mem);
-    zarvel_frame_t* given_slot = given.get();
-    EXPECT_EQ(za::dispatch_frame_op(kOp, src, &given_slot, false, slot), -1000);
-    EXPECT_TRUE(given_slot == given.get() && given->extra == nullptr);  // nothing inherited
-    EXPECT_EQ(calls, 3);
-  }
+  status = -1000;
+  zarvel_frame_t* fresh = nullptr;
+  ASSERT_EQ(za::prepare_output(src.get(), &fresh, {6, 4}, kOp), za::kOk);
+  EXPECT_EQ(za::dispatch_frame_op(kOp, src.get(), &fresh, true, slot), -1000);
+  EXPECT_EQ(fresh, nullptr);
+  auto given = alloc(ZARVEL_PIXFMT_GREY, 6, 4);
+  zarvel_frame_t* given_slot = given.get();
+  EXPECT_EQ(za::dispatch_frame_op(kOp, src.get(), &given_slot, false, slot), -1000);
+  EXPECT_TRUE(given_slot == given.get() && given->extra == nullptr);  // nothing inherited
+  EXPECT_EQ(calls, 3);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 namespace zarvel::test {
 
+// Not to be copied: the mapping is unmapped once, by its owner.
 class GuardedBuffer {
  public:
   explicit GuardedBuffer(size_t size) : size_(size) {
@@ -22,8 +23,6 @@ class GuardedBuffer {
     data_ = base_ + data_bytes - size;
   }
   ~GuardedBuffer() { munmap(base_, total_); }
-  GuardedBuffer(const GuardedBuffer&) = delete;
-  GuardedBuffer& operator=(const GuardedBuffer&) = delete;
 
   uint8_t* data() const { return data_; }
   size_t size() const { return size_; }
