@@ -7,8 +7,8 @@
 
 static int captured;
 static void sink(void* user, const zarvel_log_record_t* record, const char* text) {
-  (void)user;
-  captured += record->level == 4 && strcmp(record->tag, "aux") == 0 && strcmp(text, "x=7\n") == 0;
+  captured += user == NULL && record->level == 4 && strcmp(record->tag, "aux") == 0 &&
+              strcmp(text, "x=7\n") == 0;
 }
 
 int main(void) {

@@ -19,8 +19,7 @@ using zarvel::test::LogLines;
 namespace {
 
 TEST(Identity, NamesVersionAndBanner) {
-  EXPECT_STREQ(__plugin_name(), "zarvel_aux");
-  EXPECT_STREQ(zarvel_aux_version(), "1.4.1");
+  EXPECT_EQ(std::string(__plugin_name()) + " " + zarvel_aux_version(), "zarvel_aux 1.4.1");
   const std::string revision = zarvel_aux_revision();
   EXPECT_TRUE(std::regex_match(revision, std::regex("[0-9a-f]{40}"))) << revision;
   // Line by line; the component line's trailing blank is part of it.

@@ -7,7 +7,6 @@
 
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -48,10 +47,10 @@ class LogCapture {
   static void sink(void* user, const zarvel_log_record_t* record, const char* text) {
     auto* self = static_cast<LogCapture*>(user);
     const size_t len = strnlen(record->tag, sizeof record->tag);
-    const std::string_view rest(record->tag + len, sizeof record->tag - len);
+    const std::string tag(record->tag, sizeof record->tag);
     std::lock_guard<std::mutex> lock(self->mutex_);
-    self->messages_.push_back({record->level, record->line, std::string(record->tag, len), text,
-                               rest.find_first_not_of('\0') == rest.npos});
+    self->messages_.push_back({record->level, record->line, tag.substr(0, len), text,
+                               tag.find_first_not_of('\0', len) == std::string::npos});
   }
 
   mutable std::mutex mutex_;

@@ -24,8 +24,7 @@ std::vector<uint8_t> run_all(int seed) {
   // Appends a status and, on success, the frame's visible bytes; frees the frame.
   const auto append = [&out](int32_t status, zarvel_frame_t* f) {
     out.push_back(static_cast<uint8_t>(status));
-    const std::vector<uint8_t> bytes = f ? zarvel::test::visible_bytes(f) : std::vector<uint8_t>{};
-    out.insert(out.end(), bytes.begin(), bytes.end());
+    for (uint8_t b : f ? zarvel::test::visible_bytes(f) : std::vector<uint8_t>{}) out.push_back(b);
     zarvel_frame_free(&f);
   };
   // Runs op(&slot) with the slot holding `dst` (null: the operation allocates).
