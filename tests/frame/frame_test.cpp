@@ -91,8 +91,7 @@ TEST(FrameRefs, ReleaseRunsOnceAfterTheLastHolder) {
   ASSERT_TRUE(ref && view && dup);
   EXPECT_TRUE(ref != f && view->meta_word0 == 5u && dup->meta_word0 == 5u);
   EXPECT_TRUE(dup->extra == f->extra && dup->plane[0] != f->plane[0]);
-  zarvel_frame_free(&f);
-  zarvel_frame_free(&ref);
+  zarvel_frame_free(&f), zarvel_frame_free(&ref);
   EXPECT_EQ(pixels.calls, 0);
   zarvel_frame_free(&view);
   EXPECT_TRUE(pixels.calls == 1 && attachment.calls == 0);

@@ -21,14 +21,13 @@ zarvel_frame_t* make(uint32_t format, int32_t w, int32_t h, int seed) {
 // Every operation once on fresh frames; the statuses and bytes of all results in one vector.
 std::vector<uint8_t> run_all(int seed) {
   std::vector<uint8_t> out;
-  // Appends a status and, on success, the frame's visible bytes; frees the frame.
-  const auto append = [&out](int32_t status, zarvel_frame_t* f) {
-    out.push_back(static_cast<uint8_t>(status));
-    for (uint8_t b : f ? zarvel::test::visible_bytes(f) : std::vector<uint8_t>{}) out.push_back(b);
-    zarvel_frame_free(&f);
+  // Runs op(&slot) with the slot holding `dst` (null: the operation allocates); appends the
+  // status and the visible bytes of the frame left in the slot, then frees it.
+  const auto one = [&out](zarvel_frame_t* dst, auto op) {
+    out.push_back(static_cast<uint8_t>(op(&dst)));
+    if (dst) std::ranges::copy(zarvel::test::visible_bytes(dst), std::back_inserter(out));
+    zarvel_frame_free(&dst);
   };
-  // Runs op(&slot) with the slot holding `dst` (null: the operation allocates).
-  const auto one = [&](zarvel_frame_t* dst, auto op) { append(op(&dst), dst); };
   zarvel_frame_t* rgb = make(ZARVEL_PIXFMT_RGB24, 37, 29, seed);
   zarvel_frame_t* nv12 = make(ZARVEL_PIXFMT_NV12, 40, 22, seed);
   zarvel_frame_t* grey = make(ZARVEL_PIXFMT_GREY, 35, 27, seed);
@@ -59,8 +58,10 @@ std::vector<uint8_t> run_all(int seed) {
 
   zarvel_buffer_t* png = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
   out.push_back(static_cast<uint8_t>(zarvel_frame_encode(rgb, ZARVEL_IMAGE_PNG, png)));
-  append(0, zarvel_frame_load_from_memory(zarvel_buffer_raw_pointer(png),
-                                          static_cast<int32_t>(zarvel_buffer_size(png))));
+  one(nullptr, [&](Slot d) {
+    *d = zarvel_frame_load_from_memory(zarvel_buffer_raw_pointer(png), zarvel_buffer_size(png));
+    return *d ? 0 : 1;
+  });
   for (zarvel_buffer_t* b : {png, scratch}) zarvel_buffer_free(&b);
   zarvel_tensor_free(&tensor);
   for (zarvel_frame_t* f : {grey, nv12, rgb}) zarvel_frame_free(&f);
