@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 #include <zarvel/frame.h>
 
-#include <algorithm>
+#include <array>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "frame_test_support.h"
 #include "log_capture.h"
@@ -19,72 +17,52 @@ using zarvel::test::LogCapture;
 using zarvel::test::ReleaseCounter;
 using zarvel::test::visible_bytes;
 
-std::vector<int32_t> four(const int32_t* v) { return {v, v + 4}; }
-
 TEST(PixelFormat, SizesNamesAndInferredLayouts) {
-  const char* names[] = {"GREY", "RGB24", "BGR24", "NV12", "NV21", "YU12", "GREY16"};
-  const int32_t sizes[] = {1, 3, 3, 1, 1, 1, 2};
-  for (int i = 0; i < 7; ++i) {
-    EXPECT_STREQ(zarvel_frame_pixfmt_to_string(kAllFormats[i]), names[i]);
-    EXPECT_EQ(zarvel_frame_pixel_size(kAllFormats[i]), sizes[i]);
-  }
-  EXPECT_STREQ(zarvel_frame_pixfmt_to_string(0x12345678u), "UNKNOWN");
-  EXPECT_EQ(zarvel_frame_pixel_size(0x12345678u), 0);
-
+  std::string names;  // each format's name and pixel size, then an unknown one's
+  for (uint32_t f : {kAllFormats[0], kAllFormats[1], kAllFormats[2], kAllFormats[3], kAllFormats[4],
+                     kAllFormats[5], kAllFormats[6], 0x12345678u})
+    names += std::string(zarvel_frame_pixfmt_to_string(f)) +
+             std::to_string(zarvel_frame_pixel_size(f)) + " ";
+  EXPECT_EQ(names, "GREY1 RGB243 BGR243 NV121 NV211 YU121 GREY162 UNKNOWN0 ");
   const struct {
     uint32_t format;
-    int32_t w, h, in[4];
+    int32_t w, h;
+    std::array<int32_t, 4> in;
     int64_t size;
-    int32_t out[4];
+    std::array<int32_t, 4> out;
   } cases[] = {
       {ZARVEL_PIXFMT_RGB24, 3, 2, {}, 18, {9, 0, 0, 0}},
-      {ZARVEL_PIXFMT_BGR24, 3, 2, {16, 0, 0, 0}, 32, {16, 0, 0, 0}},
-      {ZARVEL_PIXFMT_GREY16, 3, 2, {}, 12, {6, 0, 0, 0}},
-      {ZARVEL_PIXFMT_NV12, 4, 2, {}, 12, {4, 4, 0, 0}},
       {ZARVEL_PIXFMT_NV12, 4, 2, {8, 0, 0, 0}, 24, {8, 8, 0, 0}},
-      {ZARVEL_PIXFMT_NV21, 6, 4, {0, 10, 0, 0}, 44, {6, 10, 0, 0}},
-      {ZARVEL_PIXFMT_YU12, 4, 2, {}, 12, {4, 2, 2, 0}},
       {ZARVEL_PIXFMT_YU12, 4, 2, {0, 3, 5, 7}, 16, {4, 3, 5, 0}},
       {ZARVEL_PIXFMT_YU12, 8, 4, {12, 0, 7, 0}, 74, {12, 6, 7, 0}},
       // Bad: a row wider than its stride, odd 4:2:0 sizes, a row too wide for int32.
       {ZARVEL_PIXFMT_RGB24, 3, 2, {8, 0, 0, 0}, -1, {8, 0, 0, 0}},
-      {ZARVEL_PIXFMT_YU12, 4, 2, {4, 1, 0, 0}, -1, {4, 1, 0, 0}},
       {ZARVEL_PIXFMT_NV12, 3, 2, {}, -1, {}},
-      {ZARVEL_PIXFMT_YU12, 4, 3, {}, -1, {}},
       {ZARVEL_PIXFMT_RGB24, 1 << 30, 1, {}, -1, {}},
   };
   // Each valid layout allocates as inferred: plane 0 64-byte aligned, planes back to back,
   // default frames tight, the meta word kept.
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << zarvel_frame_pixfmt_to_string(c.format) << " " << c.w << "x"
-                                    << c.h << " stride " << c.in[0] << "," << c.in[1]);
-    int32_t strides[4] = {c.in[0], c.in[1], c.in[2], c.in[3]};
-    EXPECT_EQ(zarvel_frame_inferred_size(c.format, c.w, c.h, strides), c.size);
-    EXPECT_EQ(four(strides), four(c.out));
+    SCOPED_TRACE(&c - cases);
+    std::array<int32_t, 4> strides = c.in;
+    EXPECT_EQ(zarvel_frame_inferred_size(c.format, c.w, c.h, strides.data()), c.size);
+    EXPECT_EQ(strides, c.out);
     if (c.size < 0) continue;
-    zarvel_frame_t* f = zarvel_frame_alloc(ZARVEL_MEM_HOST, c.format, c.w, c.h, c.in, 77);
+    zarvel_frame_t* f = zarvel_frame_alloc(ZARVEL_MEM_HOST, c.format, c.w, c.h, c.in.data(), 77);
     ASSERT_NE(f, nullptr);
-    EXPECT_TRUE(f->meta_word0 == 0u && f->meta_word1 == 77u && f->extra == nullptr);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(f->plane[0]) % 64, 0u);
-    EXPECT_EQ(four(f->stride), four(c.out));
-    EXPECT_EQ(zarvel_buffer_size(f->buffer), c.size);
-    EXPECT_EQ(zarvel_frame_is_contiguous(f), c.in[0] + c.in[1] + c.in[2] == 0);
-    uint64_t planes = 1;
-    for (; zarvel::test::plane_rows(c.format, planes, c.w, c.h).first != 0; ++planes) {
-      const int64_t rows = zarvel::test::plane_rows(c.format, planes - 1, c.w, c.h).second;
-      EXPECT_EQ(f->plane[planes], f->plane[planes - 1] + f->stride[planes - 1] * rows);
+    EXPECT_TRUE(f->meta_word0 == 0u && f->meta_word1 == 77u && f->extra == nullptr &&
+                reinterpret_cast<uintptr_t>(f->plane[0]) % 64 == 0 &&
+                zarvel_buffer_size(f->buffer) == c.size &&
+                std::equal(f->stride, f->stride + 4, c.out.begin()) &&
+                zarvel_frame_is_contiguous(f) == (c.in[0] + c.in[1] + c.in[2] == 0));
+    uint64_t n = 1;
+    for (; zarvel::test::plane_rows(c.format, n, c.w, c.h).first != 0; ++n) {
+      const int64_t rows = zarvel::test::plane_rows(c.format, n - 1, c.w, c.h).second;
+      EXPECT_EQ(f->plane[n], f->plane[n - 1] + f->stride[n - 1] * rows);
     }
-    EXPECT_EQ(f->plane_count, planes);
+    EXPECT_EQ(f->plane_count, n);
     zarvel_frame_free(&f);
-    EXPECT_EQ(f, nullptr);
   }
-  EXPECT_EQ(zarvel_frame_inferred_size(ZARVEL_PIXFMT_NV12, 4, 2, nullptr), 12);
-  // The frame library reports a refused allocation under its own tag.
-  LogCapture log;
-  EXPECT_EQ(zarvel_frame_alloc(0, ZARVEL_PIXFMT_NV12, 5, 4, nullptr, 0), nullptr);
-  const auto m = log.messages();
-  ASSERT_EQ(m.size(), 1u);
-  EXPECT_TRUE(m[0].level == ZARVEL_LOG_FAILURE && m[0].tag == "zarvel" && m[0].tag_padded);
 }
 
 // Release runs exactly once, only after the frame, its references, its views and the
@@ -95,28 +73,25 @@ TEST(FrameRefs, ReleaseRunsOnceAfterTheLastHolder) {
   uint8_t extra_bytes[8] = {};
   zarvel_frame_t* f = zarvel_frame_make(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, memory.data(), 4, 4,
                                         nullptr, nullptr, &ReleaseCounter::release, &pixels);
-  ASSERT_NE(f, nullptr);
-  EXPECT_EQ(f->plane[0], memory.data());
+  ASSERT_TRUE(f && f->plane[0] == memory.data());
   f->extra = zarvel_buffer_make(extra_bytes, 8, 0, &ReleaseCounter::release, &attachment);
   f->meta_word0 = 5;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
+  std::vector<std::jthread> threads;
+  for (int t = 0; t < 4; ++t)
     threads.emplace_back([f] {
       for (int i = 0; i < 2000; ++i) {
         zarvel_frame_t* r = zarvel_frame_ref(f);
         zarvel_frame_free(&r);
       }
     });
-  }
-  for (std::thread& t : threads) t.join();
+  threads.clear();  // joins them
   zarvel_frame_t* ref = zarvel_frame_ref(f);
   zarvel_frame_t* view = zarvel_frame_roi(f, Area2D{1, 1, 2, 2});
   zarvel_frame_t* dup = zarvel_frame_duplicate(f);
   ASSERT_TRUE(ref && view && dup);
   EXPECT_TRUE(ref != f && view->meta_word0 == 5u && dup->meta_word0 == 5u);
   EXPECT_TRUE(dup->extra == f->extra && dup->plane[0] != f->plane[0]);
-  zarvel_frame_free(&f);
-  zarvel_frame_free(&ref);
+  zarvel_frame_free(&f), zarvel_frame_free(&ref);
   EXPECT_EQ(pixels.calls, 0);
   zarvel_frame_free(&view);
   EXPECT_TRUE(pixels.calls == 1 && attachment.calls == 0);
@@ -131,15 +106,13 @@ TEST(FrameRoi, ViewsSharePixelsAtTheRightOffsets) {
   for (uint32_t format : {ZARVEL_PIXFMT_NV12, ZARVEL_PIXFMT_YU12}) {
     zarvel_frame_t* f = zarvel_frame_alloc(0, format, 8, 4, padded, 0);
     zarvel_frame_t* v = zarvel_frame_roi(f, Area2D{2, 2, 4, 2});
-    ASSERT_NE(v, nullptr);
-    EXPECT_TRUE(v->width == 4 && v->height == 2 && v->plane_count == f->plane_count);
-    EXPECT_EQ(v->plane[0], f->plane[0] + 2 * 10 + 2);
+    ASSERT_TRUE(v && v->width == 4 && v->height == 2 && v->plane_count == f->plane_count &&
+                v->plane[0] == f->plane[0] + 2 * 10 + 2);
     for (uint64_t i = 1; i < f->plane_count; ++i)
       EXPECT_EQ(v->plane[i], f->plane[i] + f->stride[i] + (format == ZARVEL_PIXFMT_NV12 ? 2 : 1));
     for (const Area2D a : {Area2D{1, 0, 2, 2}, Area2D{0, 1, 2, 2}, Area2D{0, 0, 2, 3}})
       EXPECT_EQ(zarvel_frame_roi(f, a), nullptr);  // odd 4:2:0 region
-    zarvel_frame_free(&v);
-    zarvel_frame_free(&f);
+    for (zarvel_frame_t* frame : {v, f}) zarvel_frame_free(&frame);
   }
   // A full-width band of a one-plane frame is contiguous; a narrower region is not.
   zarvel_frame_t* rgb = zarvel_frame_alloc(0, ZARVEL_PIXFMT_RGB24, 5, 5, nullptr, 0);
@@ -147,14 +120,12 @@ TEST(FrameRoi, ViewsSharePixelsAtTheRightOffsets) {
   zarvel_frame_t* narrow = zarvel_frame_roi(rgb, Area2D{1, 1, 3, 3});
   zarvel_frame_t* nested = zarvel_frame_roi(narrow, Area2D{1, 1, 2, 2});
   ASSERT_TRUE(band && narrow && nested);
-  EXPECT_TRUE(zarvel_frame_is_contiguous(band));
-  EXPECT_FALSE(zarvel_frame_is_contiguous(narrow));
+  EXPECT_TRUE(zarvel_frame_is_contiguous(band) && !zarvel_frame_is_contiguous(narrow));
   EXPECT_EQ(nested->plane[0], rgb->plane[0] + 2 * 15 + 2 * 3);
   LogCapture log;
   for (const Area2D a :
-       {Area2D{-1, 0, 2, 2}, Area2D{0, 0, 6, 2}, Area2D{4, 0, 2, 1}, Area2D{0, 4, 1, 2},
-        Area2D{0, 0, 0, 2}, Area2D{0, 0, 2, -1}, Area2D{0, 0, 1, 6}, Area2D{INT32_MAX, 0, 2, 2},
-        Area2D{0, INT32_MAX, 1, 1}})
+       {Area2D{-1, 0, 2, 2}, Area2D{4, 0, 2, 1}, Area2D{0, 4, 1, 2}, Area2D{0, 0, 0, 2},
+        Area2D{0, 0, 2, -1}, Area2D{INT32_MAX, 0, 2, 2}, Area2D{0, INT32_MAX, 1, 1}})
     EXPECT_EQ(zarvel_frame_roi(rgb, a), nullptr) << a.x << "," << a.y;
   for (zarvel_frame_t* f : {rgb, band, narrow, nested}) zarvel_frame_free(&f);
 }
@@ -171,7 +142,7 @@ TEST(FrameCopy, RoundTripsAcrossMemoryTypesAndViews) {
     zarvel::test::fill_pattern(src, 1);
     const std::vector<uint8_t> expected = visible_bytes(src);
 
-    zarvel_frame_t *tight = nullptr, *dev = nullptr, *back = nullptr;
+    zarvel_frame_t *tight = nullptr, *dev = nullptr;
     ASSERT_EQ(zarvel_frame_copy(src, &tight), ZARVEL_OK);
     EXPECT_TRUE(zarvel_frame_is_contiguous(tight) && tight->meta_word0 == 3 &&
                 tight->meta_word1 == 9);
@@ -183,98 +154,37 @@ TEST(FrameCopy, RoundTripsAcrossMemoryTypesAndViews) {
       zarvel_frame_t* big = zarvel_frame_alloc(mem, format, 10, 8, nullptr, 0);
       zarvel_frame_t* view = zarvel_frame_roi(big, Area2D{2, 4, 6, 4});
       ASSERT_NE(view, nullptr);
-      ASSERT_EQ(zarvel_frame_reset(big, 0xEE), ZARVEL_OK);
+      ASSERT_EQ(zarvel_frame_reset(big, 0x1EE), ZARVEL_OK);  // a reset writes the low byte
       ASSERT_EQ(zarvel_frame_copy(mem == ZARVEL_MEM_HOST ? tight : dev, &view), ZARVEL_OK);
       zarvel_frame_reset(src, 0);
       ASSERT_EQ(zarvel_frame_download(view, &src), ZARVEL_OK);  // into the padded source
       EXPECT_EQ(visible_bytes(src), expected);
       ASSERT_EQ(zarvel_frame_reset(view, 0xEE), ZARVEL_OK);
+      zarvel_frame_t* back = nullptr;
       ASSERT_EQ(zarvel_frame_download(big, &back), ZARVEL_OK);
       EXPECT_EQ(visible_bytes(back), std::vector<uint8_t>(visible_bytes(back).size(), 0xEE));
       for (zarvel_frame_t* f : {back, view, big}) zarvel_frame_free(&f);
-      back = nullptr;
     }
-    zarvel_frame_t* dup = zarvel_frame_duplicate(dev);
-    ASSERT_EQ(zarvel_frame_reset(dev, 0), ZARVEL_OK);  // the duplicate has its own pixels
-    ASSERT_EQ(zarvel_frame_download(dup, &back), ZARVEL_OK);
-    EXPECT_EQ(visible_bytes(back), expected);
-    for (zarvel_frame_t* f : {src, tight, dev, dup, back}) zarvel_frame_free(&f);
+    for (zarvel_frame_t* f : {src, tight, dev}) zarvel_frame_free(&f);
   }
 }
 
-// A destination smaller or of another format is refused and kept; a reset writes the low
-// byte of its value into visible bytes only.
-TEST(FrameCopy, RejectsMismatchedDestinationsAndResetsVisibleBytesOnly) {
+// A destination smaller or of another format is refused and kept.
+TEST(FrameCopy, RejectsMismatchedDestinations) {
   LogCapture log;
   zarvel_frame_t* src = zarvel_frame_alloc(0, ZARVEL_PIXFMT_NV12, 4, 4, nullptr, 0);
   for (zarvel_frame_t* dst : {zarvel_frame_alloc(0, ZARVEL_PIXFMT_NV12, 4, 2, nullptr, 0),
                               zarvel_frame_alloc(0, ZARVEL_PIXFMT_NV12, 2, 4, nullptr, 0),
                               zarvel_frame_alloc(1, ZARVEL_PIXFMT_NV21, 4, 4, nullptr, 0)}) {
     zarvel_frame_t* given = dst;
-    EXPECT_EQ(zarvel_frame_copy(src, &given), ZARVEL_EINVAL);
-    EXPECT_EQ(zarvel_frame_download(src, &given), ZARVEL_EINVAL);
-    EXPECT_EQ(zarvel_frame_upload(src, &given), ZARVEL_EINVAL);
-    EXPECT_EQ(given, dst);
+    for (const auto& transfer : {zarvel_frame_copy, zarvel_frame_download, zarvel_frame_upload})
+      EXPECT_TRUE(transfer(src, &given) == ZARVEL_EINVAL && given == dst);
     zarvel_frame_free(&given);
   }
   zarvel_frame_free(&src);
-  const int32_t padded[4] = {8, 0, 0, 0};
-  std::vector<uint8_t> memory(8 * 2, 0x55);
-  zarvel_frame_t* f = zarvel_frame_make(0, ZARVEL_PIXFMT_GREY16, memory.data(), 3, 2, padded,
-                                        nullptr, nullptr, nullptr);
-  ASSERT_EQ(zarvel_frame_reset(f, 0x1A2), ZARVEL_OK);
-  const std::vector<uint8_t> expected = {0xA2, 0xA2, 0xA2, 0xA2, 0xA2, 0xA2, 0x55, 0x55,
-                                         0xA2, 0xA2, 0xA2, 0xA2, 0xA2, 0xA2, 0x55, 0x55};
-  EXPECT_EQ(memory, expected);
-  zarvel_frame_free(&f);
 }
 
-// Device memory is out of the host's reach except through the library's transfers.
-void write_byte(void* address) { *static_cast<volatile uint8_t*>(address) = 1; }
-uint8_t read_byte(const void* address) { return *static_cast<const volatile uint8_t*>(address); }
-
-TEST(DeviceMemoryDeathTest, HostAccessToDevicePointersFaults) {
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-  zarvel_frame_t* f = zarvel_frame_alloc(ZARVEL_MEM_DEVICE, ZARVEL_PIXFMT_NV12, 8, 8, nullptr, 0);
-  zarvel_frame_t* view = zarvel_frame_roi(f, Area2D{2, 2, 4, 4});
-  zarvel_tensor_t* t = zarvel_tensor_alloc(ZARVEL_MEM_DEVICE, ZARVEL_ELEM_F32, 1, 1, 2, 2);
-  ASSERT_TRUE(f && view && t);
-  EXPECT_DEATH(write_byte(f->plane[0]), "");
-  EXPECT_DEATH(read_byte(view->plane[1]), "");
-  EXPECT_DEATH(read_byte(zarvel_tensor_raw_pointer(t)), "");
-  zarvel_tensor_free(&t);
-  zarvel_frame_free(&view);
-  zarvel_frame_free(&f);
-}
-
-TEST(DeviceMemory, FramesOverDeviceAllocations) {
-  LogCapture log;
-  zarvel_buffer_t* block = zarvel_buffer_alloc(256, ZARVEL_MEM_DEVICE);
-  auto* base = static_cast<uint8_t*>(zarvel_buffer_raw_pointer(block));
-  ReleaseCounter counter;
-  zarvel_frame_t* f = zarvel_frame_make(1, ZARVEL_PIXFMT_GREY, base + 64, 8, 8, nullptr, nullptr,
-                                        &ReleaseCounter::release, &counter);
-  ASSERT_NE(f, nullptr);
-  ASSERT_EQ(zarvel_frame_reset(f, 9), ZARVEL_OK);
-  std::vector<uint8_t> bytes(256, 0xFF);
-  zarvel_buffer_t* host = zarvel_buffer_make(bytes.data(), 256, 0, nullptr, nullptr);
-  ASSERT_EQ(zarvel_buffer_copy(block, host), ZARVEL_OK);
-  std::vector<uint8_t> want(256, 0);
-  std::fill(want.begin() + 64, want.begin() + 128, 9);  // exactly the frame's 8 x 8 bytes
-  EXPECT_EQ(bytes, want);
-  zarvel_frame_free(&f);
-  EXPECT_EQ(counter.calls, 1);
-  // Device frames lie wholly inside a device allocation; host frames never inside one.
-  for (auto [mem, pixels] :
-       {std::pair{1u, base + 200}, std::pair{1u, bytes.data()}, std::pair{0u, base}}) {
-    EXPECT_EQ(zarvel_frame_make(mem, ZARVEL_PIXFMT_GREY, pixels, 8, 8, nullptr, nullptr, nullptr,
-                                nullptr),
-              nullptr);
-  }
-  zarvel_buffer_free(&host);
-  zarvel_buffer_free(&block);
-}
-
+// The bytes of a buffer in either memory type, read through a copy into host memory.
 std::vector<uint8_t> read_back(const zarvel_buffer_t* b) {
   std::vector<uint8_t> bytes(zarvel_buffer_size(b));
   zarvel_buffer_t* host = zarvel_buffer_make(bytes.data(), bytes.size(), 0, nullptr, nullptr);
@@ -282,102 +192,99 @@ std::vector<uint8_t> read_back(const zarvel_buffer_t* b) {
   zarvel_buffer_free(&host);
   return bytes;
 }
+void write_byte(void* address) { *static_cast<volatile uint8_t*>(address) = 1; }
+uint8_t read_byte(const void* address) { return *static_cast<const volatile uint8_t*>(address); }
 
-TEST(Buffer, AllocSetCopyResizeAcrossMemoryTypes) {
+// Device memory is out of the host's reach except through the library's transfers. A frame
+// made over a device allocation writes exactly its own bytes there; device frames lie wholly
+// inside a device allocation, host frames never inside one.
+TEST(DeviceMemoryDeathTest, DevicePixelsAreReachedOnlyThroughTransfers) {
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  LogCapture log;
+  zarvel_buffer_t* block = zarvel_buffer_alloc(256, ZARVEL_MEM_DEVICE);
+  auto* base = static_cast<uint8_t*>(zarvel_buffer_raw_pointer(block));
+  ReleaseCounter counter;
+  zarvel_frame_t* f = zarvel_frame_make(1, ZARVEL_PIXFMT_NV12, base + 64, 8, 8, nullptr, nullptr,
+                                        &ReleaseCounter::release, &counter);
+  zarvel_frame_t* view = zarvel_frame_roi(f, Area2D{2, 2, 4, 4});
+  zarvel_tensor_t* t = zarvel_tensor_alloc(ZARVEL_MEM_DEVICE, ZARVEL_ELEM_F32, 1, 1, 2, 2);
+  ASSERT_TRUE(f && view && t);
+  EXPECT_DEATH(write_byte(f->plane[0]), "");
+  EXPECT_DEATH(read_byte(view->plane[1]), "");
+  EXPECT_DEATH(read_byte(zarvel_tensor_raw_pointer(t)), "");
+  ASSERT_EQ(zarvel_frame_reset(f, 9), ZARVEL_OK);
+  std::vector<uint8_t> want(256, 0);
+  std::fill(want.begin() + 64, want.begin() + 64 + 96, 9);  // exactly the frame's 8 x 12 bytes
+  EXPECT_EQ(read_back(block), want);
+  for (zarvel_frame_t* frame : {f, view}) zarvel_frame_free(&frame);
+  zarvel_tensor_free(&t);
+  EXPECT_EQ(counter.calls, 1);
+  for (auto [mem, pixels] :
+       {std::pair{1u, base + 200}, std::pair{1u, want.data()}, std::pair{0u, base}})
+    EXPECT_FALSE(zarvel_frame_make(mem, 0, pixels, 8, 8, nullptr, nullptr, nullptr, nullptr));
+  zarvel_buffer_free(&block);
+}
+
+// Set, copy and resize in both memory types; adopted memory is released once, by the last
+// reference or by growing.
+TEST(Buffer, SetCopyResizeAndAdoptedMemory) {
+  LogCapture log;
+  uint8_t pattern[60];
+  for (int i = 0; i < 60; ++i) pattern[i] = static_cast<uint8_t>(i + 1);
   for (uint32_t mem : {ZARVEL_MEM_HOST, ZARVEL_MEM_DEVICE}) {
     SCOPED_TRACE(mem);
     zarvel_buffer_t* b = zarvel_buffer_alloc(100, mem);
-    ASSERT_NE(b, nullptr);
-    EXPECT_EQ(zarvel_buffer_mem_type(b), mem);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(zarvel_buffer_raw_pointer(b)) % 64, 0u);
+    ASSERT_TRUE(b && zarvel_buffer_mem_type(b) == mem &&
+                reinterpret_cast<uintptr_t>(zarvel_buffer_raw_pointer(b)) % 64 == 0);
     EXPECT_EQ(read_back(b), std::vector<uint8_t>(100, 0));
     ASSERT_EQ(zarvel_buffer_set(b, 0x107), ZARVEL_OK);
-    uint8_t pattern[60];
-    for (int i = 0; i < 60; ++i) pattern[i] = static_cast<uint8_t>(i + 1);
     zarvel_buffer_t* src = zarvel_buffer_make(pattern, 60, 0, nullptr, nullptr);
     ASSERT_EQ(zarvel_buffer_copy(src, b), ZARVEL_OK);
     std::vector<uint8_t> expected(pattern, pattern + 60);
     expected.resize(100, 7);
     EXPECT_EQ(read_back(b), expected);
     // Shrinking then growing keeps the leading bytes; the grown tail reads zero.
-    ASSERT_EQ(zarvel_buffer_resize(b, 30), ZARVEL_OK);
-    ASSERT_EQ(zarvel_buffer_resize(b, 5000), ZARVEL_OK);
-    expected.resize(30);
-    expected.resize(5000, 0);
+    ASSERT_TRUE(zarvel_buffer_resize(b, 30) == ZARVEL_OK && zarvel_buffer_resize(b, 5000) == 0);
+    expected.resize(30), expected.resize(5000, 0);
     EXPECT_EQ(read_back(b), expected);
-    LogCapture log;
     EXPECT_EQ(zarvel_buffer_copy(b, src), ZARVEL_EINVAL);  // 5000 bytes do not fit in 60
-    zarvel_buffer_free(&src);
-    zarvel_buffer_free(&b);
-    EXPECT_EQ(b, nullptr);
+    for (zarvel_buffer_t* buffer : {src, b}) zarvel_buffer_free(&buffer);
   }
-  zarvel_buffer_t* empty = zarvel_buffer_alloc(0, ZARVEL_MEM_DEVICE);
-  EXPECT_EQ(zarvel_buffer_set(empty, 1), ZARVEL_OK);
-  zarvel_buffer_free(&empty);
-}
-
-// Adopted memory is released once, by the last reference or by growing; a refused adoption
-// leaves the memory with the caller.
-TEST(Buffer, AdoptedMemoryIsReleasedOnce) {
   ReleaseCounter counter;
-  uint8_t bytes[16] = {1, 2, 3, 4};
-  zarvel_buffer_t* b = zarvel_buffer_make(bytes, 16, 0, &ReleaseCounter::release, &counter);
+  zarvel_buffer_t* b = zarvel_buffer_make(pattern, 16, 0, &ReleaseCounter::release, &counter);
   zarvel_buffer_t* r = zarvel_buffer_ref(b);
   zarvel_buffer_free(&b);
+  EXPECT_EQ(b, nullptr);
   ASSERT_EQ(zarvel_buffer_resize(r, 8), ZARVEL_OK);  // shrinking stays in place
-  EXPECT_TRUE(zarvel_buffer_raw_pointer(r) == bytes && counter.calls == 0);
+  EXPECT_TRUE(zarvel_buffer_raw_pointer(r) == pattern && counter.calls == 0);
   ASSERT_EQ(zarvel_buffer_resize(r, 32), ZARVEL_OK);  // growing leaves the caller's memory
   EXPECT_EQ(counter.calls, 1);
-  bytes[0] = 99;
+  pattern[0] = 99;
   EXPECT_TRUE(read_back(r)[0] == 1 && read_back(r)[3] == 4);
   zarvel_buffer_free(&r);
-  LogCapture log;
-  EXPECT_EQ(zarvel_buffer_make(nullptr, 8, 0, &ReleaseCounter::release, &counter), nullptr);
-  EXPECT_EQ(zarvel_buffer_make(bytes, -8, 0, &ReleaseCounter::release, &counter), nullptr);
-  EXPECT_EQ(counter.calls, 1);
 }
 
-TEST(Tensor, LayoutOffsetsAndViews) {
-  zarvel_tensor_t* t = zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 4, 5);
-  ASSERT_NE(t, nullptr);
-  EXPECT_EQ(std::vector<int64_t>(t->stride, t->stride + 4), (std::vector<int64_t>{60, 20, 5, 1}));
-  EXPECT_EQ(zarvel_buffer_size(t->buffer), 120 * 4);
-  auto* base = static_cast<float*>(zarvel_tensor_raw_pointer(t));
-  // Offsets one past the end of each axis are allowed; further or negative ones are not.
-  const int32_t at[][4] = {{1, 2, 3, 4}, {1, 0, 0, 0}, {2, 3, 4, 5}, {3, 0, 0, 0}, {0, -1, 0, 0}};
-  const int64_t want[] = {60 + 40 + 15 + 4, 60, 120 + 60 + 20 + 5, -1, -1};
-  for (int i = 0; i < 5; ++i)
-    EXPECT_EQ(zarvel_tensor_calc_offset(t, at[i][0], at[i][1], at[i][2], at[i][3]), want[i]) << i;
-  EXPECT_EQ(zarvel_tensor_data_at(t, 1, 2, 3, 4), base + 119);
-  EXPECT_EQ(zarvel_tensor_data_at(t, 2, 0, 0, 0), nullptr);
-
-  const int32_t start[4] = {1, 1, 2, 1}, shape[4] = {1, 2, 2, 3}, outside[4] = {0, 1, 0, 0};
-  zarvel_tensor_t* v = zarvel_tensor_roi(t, start, shape);
-  ASSERT_NE(v, nullptr);
-  EXPECT_EQ(zarvel_tensor_raw_pointer(v), base + 60 + 20 + 10 + 1);
-  EXPECT_EQ(zarvel_tensor_calc_offset(v, 0, 1, 1, 2), 20 + 5 + 2);
-  *static_cast<float*>(zarvel_tensor_data_at(v, 0, 1, 1, 2)) = 2.5f;
-  EXPECT_EQ(base[91 + 27], 2.5f);
-  zarvel_tensor_free(&t);  // the view keeps the data alive
-  EXPECT_EQ(*static_cast<float*>(zarvel_tensor_data_at(v, 0, 1, 1, 2)), 2.5f);
-  LogCapture log;
-  EXPECT_EQ(zarvel_tensor_roi(v, outside, shape), nullptr);
-  zarvel_tensor_free(&v);
-}
-
-// A host view goes into a device view (offsets on both sides), then through a hand-made
+// Offsets one past the end of an axis are allowed, further ones not. A host view (which keeps
+// the data alive) goes into a device view (offsets on both sides), then through a hand-made
 // transposed device view, whose W is not dense, and back to the host.
-TEST(Tensor, StridedCopyAcrossMemoryTypes) {
+TEST(Tensor, ViewsAndStridedCopiesAcrossMemoryTypes) {
   zarvel_tensor_t* src = zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_S8, 2, 3, 4, 5);
+  ASSERT_NE(src, nullptr);
   auto* s = static_cast<int8_t*>(zarvel_tensor_raw_pointer(src));
-  for (int i = 0; i < 120; ++i) s[i] = static_cast<int8_t>(i - 60);
+  std::vector<int8_t> values(120);
+  for (int i = 0; i < 120; ++i) s[i] = values[i] = static_cast<int8_t>(i - 60);
+  EXPECT_TRUE(zarvel_tensor_calc_offset(src, 2, 3, 4, 5) == 205 &&
+              zarvel_tensor_calc_offset(src, 3, 0, 0, 0) == -1 &&
+              zarvel_tensor_data_at(src, 1, 2, 3, 4) == s + 119);
   const int32_t start[4] = {1, 0, 1, 2}, corner[4] = {0, 0, 2, 2}, shape[4] = {1, 3, 2, 3};
   zarvel_tensor_t* view = zarvel_tensor_roi(src, start, shape);
+  ASSERT_NE(view, nullptr);
+  zarvel_tensor_free(&src);
   zarvel_tensor_t* dev_big = zarvel_tensor_alloc(ZARVEL_MEM_DEVICE, ZARVEL_ELEM_S8, 1, 3, 4, 5);
   zarvel_tensor_t* dev_view = zarvel_tensor_roi(dev_big, corner, shape);
   zarvel_tensor_t* dense = zarvel_tensor_alloc(ZARVEL_MEM_DEVICE, ZARVEL_ELEM_S8, 1, 3, 3, 2);
   zarvel_tensor_t* back = zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_S8, 1, 3, 3, 2);
-  ASSERT_TRUE(view && dev_view && dense && back);
+  ASSERT_TRUE(dev_view && dense && back);
   ASSERT_EQ(zarvel_tensor_copy(view, dev_view), ZARVEL_OK);
   zarvel_tensor_t transposed = *dense;
   std::swap(transposed.shape[2], transposed.shape[3]);
@@ -388,14 +295,13 @@ TEST(Tensor, StridedCopyAcrossMemoryTypes) {
   for (int c = 0; c < 3; ++c)
     for (int h = 0; h < 2; ++h)
       for (int w = 0; w < 3; ++w)
-        EXPECT_EQ(b[c * 6 + w * 2 + h], s[60 + c * 20 + (h + 1) * 5 + (w + 2)]) << c << h << w;
-  // Another element type or shape is refused.
+        EXPECT_EQ(b[c * 6 + w * 2 + h], values[60 + c * 20 + (h + 1) * 5 + (w + 2)]) << c << h << w;
+  // A view outside the tensor, and a copy to another shape, are refused.
   LogCapture log;
-  zarvel_tensor_t* f32 = zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 1, 3, 2, 3);
-  EXPECT_EQ(zarvel_tensor_copy(view, f32), ZARVEL_EINVAL);
-  EXPECT_EQ(zarvel_tensor_copy(view, back), ZARVEL_EINVAL);
-  for (zarvel_tensor_t* t : {src, view, dev_big, dev_view, dense, back, f32})
-    zarvel_tensor_free(&t);
+  const int32_t outside[4] = {0, 1, 0, 0};
+  EXPECT_TRUE(zarvel_tensor_roi(view, outside, shape) == nullptr &&
+              zarvel_tensor_copy(view, back) == ZARVEL_EINVAL);
+  for (zarvel_tensor_t* t : {view, dev_big, dev_view, dense, back}) zarvel_tensor_free(&t);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdint>
 #include <random>
 #include <utility>
 #include <vector>
@@ -20,13 +19,12 @@ inline constexpr uint32_t kAllFormats[] = {
 // the library; {0, 0} past the format's last plane.
 inline std::pair<int64_t, int64_t> plane_rows(uint32_t format, int i, int32_t w, int32_t h) {
   const bool nv = format == ZARVEL_PIXFMT_NV12 || format == ZARVEL_PIXFMT_NV21;
-  const bool yu = format == ZARVEL_PIXFMT_YU12;
   if (i == 0) return {int64_t{w} * zarvel_frame_pixel_size(format), h};
-  if ((nv && i == 1) || (yu && i <= 2)) return {nv ? w : w / 2, h / 2};
+  if ((nv && i == 1) || (format == ZARVEL_PIXFMT_YU12 && i <= 2)) return {nv ? w : w / 2, h / 2};
   return {0, 0};
 }
 
-// Applies fn(row pointer, visible bytes) to every row of every plane of a host frame.
+// Applies fn(row pointer, visible bytes, plane, row) to every row of every plane of a host frame.
 template <typename Fn>
 void for_each_row(const zarvel_frame_t* f, Fn fn) {
   for (int i = 0; i < 4; ++i) {
@@ -35,16 +33,16 @@ void for_each_row(const zarvel_frame_t* f, Fn fn) {
   }
 }
 
-// Each plane of a format: bytes per pixel and the divisor of width and height.
+// Each plane of a format the operations take: bytes per pixel and the divisor of width and
+// height (none for GREY16).
 struct PlaneGeometry {
   int pixel_size, div;
 };
 inline std::vector<PlaneGeometry> planes_of(uint32_t format) {
-  if (format == ZARVEL_PIXFMT_GREY) return {{1, 1}};
-  if (format == ZARVEL_PIXFMT_RGB24 || format == ZARVEL_PIXFMT_BGR24) return {{3, 1}};
   if (format == ZARVEL_PIXFMT_NV12 || format == ZARVEL_PIXFMT_NV21) return {{1, 1}, {2, 2}};
   if (format == ZARVEL_PIXFMT_YU12) return {{1, 1}, {1, 2}, {1, 2}};
-  return {};
+  if (format == ZARVEL_PIXFMT_GREY16) return {};
+  return {{zarvel_frame_pixel_size(format), 1}};
 }
 
 // Sets every byte a host frame's planes span, padding included.
@@ -53,7 +51,7 @@ inline void fill_planes(zarvel_frame_t* f, uint8_t value) {
 }
 inline void fill_random(zarvel_frame_t* f, std::mt19937& rng) {
   for (uint64_t i = 0; i < f->plane_count; ++i)
-    for (uint64_t k = 0; k < f->plane_size[i]; ++k) f->plane[i][k] = static_cast<uint8_t>(rng());
+    std::generate_n(f->plane[i], f->plane_size[i], [&] { return static_cast<uint8_t>(rng()); });
 }
 
 inline void fill_pattern(zarvel_frame_t* f, int seed) {
@@ -65,9 +63,8 @@ inline void fill_pattern(zarvel_frame_t* f, int seed) {
 
 inline std::vector<uint8_t> visible_bytes(const zarvel_frame_t* f) {
   std::vector<uint8_t> bytes;
-  for_each_row(f, [&bytes](uint8_t* row, int64_t n, int, int64_t) {
-    bytes.insert(bytes.end(), row, row + n);
-  });
+  for_each_row(
+      f, [&](uint8_t* row, int64_t n, int, int64_t) { bytes.insert(bytes.end(), row, row + n); });
   return bytes;
 }
 

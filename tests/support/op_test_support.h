@@ -2,11 +2,6 @@
 // and the two messages of the host fallback.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <zarvel/frame.h>
-
-#include <string>
-
 #include "frame_api/frame_api.h"
 #include "plugin/cpu_features.h"
 #include "plugin_test_support.h"

@@ -4,42 +4,33 @@
 #include <gtest/gtest.h>
 #include <zarvel/aux.h>
 
-#include <atomic>
+#include <latch>
 #include <thread>
-#include <vector>
 
 #include "frame_test_support.h"
 #include "log_capture.h"
 
 namespace {
 
-using zarvel::test::fill_pattern;
-using zarvel::test::visible_bytes;
-
-// Appends a status and, on success, the result's visible bytes.
-void append_frame(std::vector<uint8_t>& out, zarvel_frame_t* f, int32_t status) {
-  out.push_back(static_cast<uint8_t>(status));
-  const std::vector<uint8_t> bytes = status == 0 && f ? visible_bytes(f) : std::vector<uint8_t>{};
-  out.insert(out.end(), bytes.begin(), bytes.end());
-}
-
 zarvel_frame_t* make(uint32_t format, int32_t w, int32_t h, int seed) {
   zarvel_frame_t* f = zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 0);
-  fill_pattern(f, seed);
+  zarvel::test::fill_pattern(f, seed);
   return f;
 }
 
-// Every operation once on fresh frames; the bytes of all results in one vector.
+// Every operation once on fresh frames; the statuses and bytes of all results in one vector.
 std::vector<uint8_t> run_all(int seed) {
   std::vector<uint8_t> out;
+  // Runs op(&slot) with the slot holding `dst` (null: the operation allocates); appends the
+  // status and the visible bytes of the frame left in the slot, then frees it.
+  const auto one = [&out](zarvel_frame_t* dst, auto op) {
+    out.push_back(static_cast<uint8_t>(op(&dst)));
+    if (dst) std::ranges::copy(zarvel::test::visible_bytes(dst), std::back_inserter(out));
+    zarvel_frame_free(&dst);
+  };
   zarvel_frame_t* rgb = make(ZARVEL_PIXFMT_RGB24, 37, 29, seed);
   zarvel_frame_t* nv12 = make(ZARVEL_PIXFMT_NV12, 40, 22, seed);
   zarvel_frame_t* grey = make(ZARVEL_PIXFMT_GREY, 35, 27, seed);
-  // Runs op(&slot) with the slot holding `dst` (null: the operation allocates).
-  const auto one = [&out](zarvel_frame_t* dst, auto op) {
-    append_frame(out, dst, op(&dst));
-    zarvel_frame_free(&dst);
-  };
   using Slot = zarvel_frame_t**;
   one(nullptr, [&](Slot d) { return zarvel_frame_resize(nv12, d, Size2D{66, 18}); });
   one(nullptr, [&](Slot d) { return zarvel_frame_rotate(rgb, d, 2); });
@@ -59,44 +50,37 @@ std::vector<uint8_t> run_all(int seed) {
   zarvel_frame_t* frames[2] = {rgb, rgb};
   const Area2D rois[2] = {{0, 0, 30, 20}, {5, 5, 40, 40}};
   zarvel_buffer_t* scratch = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
-  float sy[2], sx[2];
   out.push_back(static_cast<uint8_t>(zarvel_frame_transform_to_tensor_batch(
-      tensor, 0, 2, frames, rois, 0, mean, std3, pads, &scratch, sy, sx)));
+      tensor, 0, 2, frames, rois, 0, mean, std3, pads, &scratch, nullptr, nullptr)));
   const auto* t = static_cast<const uint8_t*>(zarvel_tensor_raw_pointer(tensor));
   out.insert(out.end(), t, t + 2 * 3 * 24 * 24 * sizeof(float));
-  zarvel_frame_t* back = nullptr;
-  append_frame(out, back, zarvel_tensor_to_frames(tensor, 1, 1, &back));
-  zarvel_frame_free(&back);
+  one(nullptr, [&](Slot d) { return zarvel_tensor_to_frames(tensor, 1, 1, d); });
 
   zarvel_buffer_t* png = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
   out.push_back(static_cast<uint8_t>(zarvel_frame_encode(rgb, ZARVEL_IMAGE_PNG, png)));
-  zarvel_frame_t* loaded = zarvel_frame_load_from_memory(
-      zarvel_buffer_raw_pointer(png), static_cast<int32_t>(zarvel_buffer_size(png)));
-  append_frame(out, loaded, loaded != nullptr ? 0 : 1);
-  zarvel_frame_free(&loaded);
-
-  zarvel_buffer_free(&png);
-  zarvel_buffer_free(&scratch);
+  one(nullptr, [&](Slot d) {
+    *d = zarvel_frame_load_from_memory(zarvel_buffer_raw_pointer(png), zarvel_buffer_size(png));
+    return *d ? 0 : 1;
+  });
+  for (zarvel_buffer_t* b : {png, scratch}) zarvel_buffer_free(&b);
   zarvel_tensor_free(&tensor);
   for (zarvel_frame_t* f : {grey, nv12, rgb}) zarvel_frame_free(&f);
   return out;
 }
 
 TEST(Threads, ConcurrentOperationsMatchSingleThreaded) {
-  zarvel::test::LogCapture log;  // the sink is shared by every thread
-  constexpr int kThreads = 8;
-  constexpr int kSeeds = 2;  // threads share seeds pairwise but never frames
-  std::atomic<int> ready{0};
+  zarvel::test::LogCapture log;            // the sink is shared by every thread
+  constexpr int kThreads = 8, kSeeds = 2;  // threads share seeds pairwise but never frames
   std::vector<std::vector<uint8_t>> results(kThreads);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([i, &ready, &results] {
-      ready.fetch_add(1);
-      while (ready.load() < kThreads) std::this_thread::yield();
-      for (int round = 0; round < 2; ++round) results[i] = run_all(i % kSeeds);
-    });
+  {
+    std::latch start(kThreads);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < kThreads; ++i)
+      threads.emplace_back([i, &start, &results] {
+        start.arrive_and_wait();
+        for (int round = 0; round < 2; ++round) results[i] = run_all(i % kSeeds);
+      });
   }
-  for (std::thread& t : threads) t.join();
   for (int seed = 0; seed < kSeeds; ++seed) {
     const std::vector<uint8_t> expected = run_all(seed);
     ASSERT_GT(expected.size(), 1000u);

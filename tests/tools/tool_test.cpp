@@ -1,66 +1,45 @@
 // zarvel-aux end to end: each subcommand on small generated files, outputs decoded and compared
 // with the library's own result, exit statuses, and no stray files.
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <zarvel/aux.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
-#include <memory>
 #include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
+#include "frame_api/frame_api.h"
 #include "frame_test_support.h"
-#include "gtest/gtest.h"
 
 namespace {
 namespace fs = std::filesystem;
-
-struct FrameFree {
-  void operator()(zarvel_frame_t* f) const { zarvel_frame_free(&f); }
-};
-using Frame = std::unique_ptr<zarvel_frame_t, FrameFree>;
+using Frame = zarvel::aux::FramePtr;
 
 std::string slurp(const fs::path& p) {
   std::ifstream in(p, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
-template <class T>
-std::string bytes(const T* data, size_t n) {
-  return std::string(reinterpret_cast<const char*>(data), n * sizeof(T));
-}
 
-// A tiny .npy reader: version 1.0, a header padded to 64 bytes ending in a newline.
+// A tiny .npy reader: version 1.0, a header padded to 64 bytes ending in a newline, C order;
+// the header's descr and shape fields, and the data.
 struct Npy {
   std::string descr, shape, data;
-  bool c_order = false;
 };
 Npy read_npy(const fs::path& p) {
   const std::string bytes = slurp(p);
-  Npy npy;
-  if (bytes.size() < 10 || bytes.compare(0, 6, "\x93NUMPY") != 0 || bytes[6] != 1) return npy;
+  if (bytes.size() < 10 || bytes.compare(0, 7, "\x93NUMPY\x01") != 0) return {};
   const size_t len = static_cast<uint8_t>(bytes[8]) | static_cast<uint8_t>(bytes[9]) << 8;
   const std::string header = bytes.substr(10, len);
-  EXPECT_EQ((10 + len) % 64, 0u);
-  EXPECT_EQ(header.back(), '\n');
-  const auto field = [&](const std::string& key, char open, char close) {
-    const size_t start = header.find(open, header.find("'" + key + "': ") + key.size() + 4);
-    return header.substr(start + 1, header.find(close, start + 1) - start - 1);
+  EXPECT_TRUE((10 + len) % 64 == 0 && header.back() == '\n' &&
+              header.find("'fortran_order': False") != std::string::npos);
+  // The text after "'key': " and its opening quote or parenthesis, up to `close`.
+  const auto field = [&](const std::string& key, char close) {
+    const size_t start = header.find("'" + key + "': ") + key.size() + 5;
+    return header.substr(start, header.find(close, start) - start);
   };
-  npy = {field("descr", '\'', '\''), field("shape", '(', ')'), bytes.substr(10 + len),
-         header.find("'fortran_order': False") != std::string::npos};
-  return npy;
-}
-
-bool same_pixels(const zarvel_frame_t* a, const zarvel_frame_t* b) {
-  return a && b && a->format == b->format && a->width == b->width && a->height == b->height &&
-         zarvel::test::visible_bytes(a) == zarvel::test::visible_bytes(b);
+  return {field("descr", '\''), field("shape", ')'), bytes.substr(10 + len)};
 }
 
 class ToolTest : public ::testing::Test {
@@ -69,22 +48,17 @@ class ToolTest : public ::testing::Test {
     char pattern[] = "/tmp/zarvel-aux-test-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
     dir_ = pattern;
-    rgb_ = make(ZARVEL_PIXFMT_RGB24, 40, 30, "in.png");
-    grey_ = make(ZARVEL_PIXFMT_GREY, 20, 40, "grey.png");
+    for (const auto& [format, w, h, name] : {std::tuple{ZARVEL_PIXFMT_RGB24, 40, 30, "in.png"},
+                                             std::tuple{ZARVEL_PIXFMT_GREY, 20, 40, "grey.png"}}) {
+      Frame f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 0));
+      zarvel::test::fill_pattern(f.get(), 3);
+      ASSERT_EQ(zarvel_frame_save(f.get(), path(name).c_str()), 0);
+    }
   }
   void TearDown() override { fs::remove_all(dir_); }
-
-  Frame make(uint32_t format, int32_t w, int32_t h, const char* name) {
-    Frame f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 0));
-    zarvel::test::fill_pattern(f.get(), 3);
-    EXPECT_EQ(zarvel_frame_save(f.get(), path(name).c_str()), 0);
-    return f;
-  }
   std::string path(const std::string& name) const { return (dir_ / name).string(); }
   Frame load(const std::string& name) const { return Frame(zarvel_frame_load(path(name).c_str())); }
-  std::set<fs::path> files() const {
-    return {fs::recursive_directory_iterator(dir_), fs::recursive_directory_iterator()};
-  }
+  std::set<fs::path> files() const { return {fs::recursive_directory_iterator(dir_), {}}; }
 
   // Runs the tool in the scratch directory (file names in `args` are relative to it) with its
   // output and error streams captured; status 128 + n for signal n.
@@ -94,34 +68,22 @@ class ToolTest : public ::testing::Test {
   };
   Result tool(const std::string& args) const {
     const std::string out = dir_.string() + ".out", err = dir_.string() + ".err";
-    const std::string command =
-        "cd " + dir_.string() + " && " ZARVEL_AUX_TOOL " " + args + " >" + out + " 2>" + err;
-    const int wstatus = std::system(command.c_str());
-    Result r{WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus), slurp(out),
-             slurp(err)};
-    fs::remove(out);
-    fs::remove(err);
+    const int ws = std::system(
+        ("cd " + dir_.string() + " && " ZARVEL_AUX_TOOL " " + args + " >" + out + " 2>" + err)
+            .c_str());
+    Result r{WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws), slurp(out), slurp(err)};
+    fs::remove(out), fs::remove(err);
     return r;
   }
 
   fs::path dir_;
-  Frame rgb_, grey_;
 };
 
-TEST_F(ToolTest, InfoAndHelp) {
+TEST_F(ToolTest, InfoShowsTheBannerAndFeatures) {
   const Result r = tool("info");
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out.rfind(zarvel_aux_meta(), 0), 0u);
-  EXPECT_NE(r.out.find("Features     : 0x"), std::string::npos);
-  for (const char* family : {"resize", "cvt", "rotate", "warp", "equalize", "tensor"})
-    EXPECT_NE(r.out.find(std::string("  ") + family), std::string::npos) << family;
-  for (const std::string sub :
-       {"info", "crop", "resize", "rotate", "cvt", "warp", "equalize", "tensor", "demo"}) {
-    const Result h = tool(sub + " --help");
-    EXPECT_TRUE(h.status == 0 && h.out.find(sub) != std::string::npos &&
-                h.out.find("--help") != std::string::npos)
-        << sub;
-  }
+  EXPECT_TRUE(r.status == 0 && r.out.starts_with(zarvel_aux_meta()) &&
+              r.out.find("Features     : 0x") != r.out.npos)
+      << r.err;
 }
 
 // A library call on `s` (the source) and `d` (the output slot); a warp writes into a new frame
@@ -136,48 +98,33 @@ using Op = std::function<int32_t(zarvel_frame_t*, zarvel_frame_t**)>;
 // second and third words are the input and the output.
 TEST_F(ToolTest, FrameOperationsGiveTheLibraryResult) {
   const Op shift = WARP(zarvel_frame_warpaffine, 40, 30, 1, 0, 3, 0, 1, 2);
-  // Points (3, 2), (13, 2), (3, 12) onto (0, 0), (10, 0), (0, 10): the same shift.
+  // Points (3, 2), (13, 2), (3, 12) onto (0, 0), (10, 0), (0, 10): the same shift. (Each
+  // model gives it, so only one is run.)
   const std::string points =
       "warp in.png p.png --from-points 3,2,13,2,3,12 --to-points 0,0,10,0,0,10 --model ";
   const std::pair<std::string, Op> cases[] = {
       {"crop in.png c.png --area 16x10-4+6", OP(zarvel_frame_crop(s, d, {-4, 6, 16, 10}))},
       {"resize in.png r.png --size 17x9", OP(zarvel_frame_resize(s, d, {17, 9}))},
-      {"resize in.png r.png --scale 0.7", OP(zarvel_frame_scale(s, d, 0.7f))},
-      {"rotate in.png r.bmp --angle 90", OP(zarvel_frame_rotate(s, d, 0))},
-      {"rotate in.png r.png -a 270", OP(zarvel_frame_rotate(s, d, 2))},
+      {"rotate in.png r.bmp -a 270", OP(zarvel_frame_rotate(s, d, 2))},
       {"cvt in.png r.png --to grey", OP(zarvel_frame_cvt_color(s, d, ZARVEL_PIXFMT_GREY))},
       {"equalize grey.png r.png", OP(zarvel_frame_equalize_hist(s, d))},
       {"warp in.png a.png --affine 1,0,3,0,1,2", shift},
       {points + "affine", shift},
-      {points + "similarity", shift},
-      {points + "rigid", shift},
       {"warp in.png q.png --perspective 1,0,0,0,1,0,0,0,1 --size 20x10",
        WARP(zarvel_frame_warpperspective, 20, 10, 1, 0, 0, 0, 1, 0, 0, 0, 1)},
   };
   for (const auto& [command, op] : cases) {
     const Result r = tool(command);
     ASSERT_EQ(r.status, 0) << command << ": " << r.err;
-    std::istringstream words(command);
-    std::string sub, in, out;
-    words >> sub >> in >> out;
+    char in[16], out[16];
+    ASSERT_EQ(std::sscanf(command.c_str(), "%*s %15s %15s", in, out), 2);
     zarvel_frame_t* expected = nullptr;
     ASSERT_EQ(op(load(in).get(), &expected), 0) << command;
-    const Frame owner(expected);
-    EXPECT_TRUE(same_pixels(load(out).get(), expected)) << command;
+    const Frame got = load(out), want(expected);
+    EXPECT_TRUE(got && got->format == want->format && got->width == want->width &&
+                zarvel::test::visible_bytes(got.get()) == zarvel::test::visible_bytes(want.get()))
+        << command;
   }
-}
-
-// NV12 goes out as raw planes, and comes back in with its size and format given.
-TEST_F(ToolTest, CvtWritesAndReadsRawYuv) {
-  ASSERT_EQ(tool("cvt in.png out.nv12 --to NV12").status, 0);
-  zarvel_frame_t *nv12 = nullptr, *back = nullptr;
-  ASSERT_EQ(zarvel_frame_cvt_color(rgb_.get(), &nv12, ZARVEL_PIXFMT_NV12), 0);
-  ASSERT_EQ(zarvel_frame_cvt_color(nv12, &back, ZARVEL_PIXFMT_RGB24), 0);
-  const Frame nv12_owner(nv12), back_owner(back);
-  const std::vector<uint8_t> want = zarvel::test::visible_bytes(nv12);
-  EXPECT_EQ(slurp(path("out.nv12")), bytes(want.data(), want.size()));
-  ASSERT_EQ(tool("cvt out.nv12 back.png --raw 40x30:nv12 --to RGB24").status, 0);
-  EXPECT_TRUE(same_pixels(load("back.png").get(), back));
 }
 
 TEST_F(ToolTest, TensorWritesNpyThatMatchesTheLibrary) {
@@ -185,34 +132,27 @@ TEST_F(ToolTest, TensorWritesNpyThatMatchesTheLibrary) {
       tool("tensor in.png grey.png -o t.npy --size 16x16 --mean 10,20,30 --std 2,4,8 --pad 1,2,3");
   ASSERT_EQ(r.status, 0) << r.err;
   const Npy t = read_npy(path("t.npy"));
-  EXPECT_TRUE(t.descr == "<f4" && t.shape == "2, 3, 16, 16" && t.c_order) << t.descr << t.shape;
+  EXPECT_TRUE(t.descr == "<f4" && t.shape == "2, 3, 16, 16") << t.descr << t.shape;
   // The library on the same frames (the grey one as RGB24, as the tool feeds it).
   zarvel_frame_t* grey_rgb = nullptr;
-  ASSERT_EQ(zarvel_frame_cvt_color(grey_.get(), &grey_rgb, ZARVEL_PIXFMT_RGB24), 0);
-  const Frame grey_owner(grey_rgb);
-  zarvel_frame_t* frames[2] = {rgb_.get(), grey_rgb};
+  ASSERT_EQ(zarvel_frame_cvt_color(load("grey.png").get(), &grey_rgb, ZARVEL_PIXFMT_RGB24), 0);
+  const Frame rgb = load("in.png"), grey_owner(grey_rgb);
+  zarvel_frame_t* frames[2] = {rgb.get(), grey_rgb};
   const Area2D rois[2] = {{0, 0, 40, 30}, {0, 0, 20, 40}};
   const float mean[3] = {10, 20, 30}, std[3] = {2, 4, 8}, pads[6] = {1, 2, 3, 1, 2, 3};
-  zarvel_tensor_t* expected = zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 16, 16);
+  zarvel::aux::TensorPtr expected(
+      zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 16, 16));
   zarvel_buffer_t* scratch = nullptr;
-  ASSERT_EQ(zarvel_frame_transform_to_tensor_batch(expected, 1, 2, frames, rois, 0, mean, std, pads,
-                                                   &scratch, nullptr, nullptr),
+  ASSERT_EQ(zarvel_frame_transform_to_tensor_batch(expected.get(), 1, 2, frames, rois, 0, mean, std,
+                                                   pads, &scratch, nullptr, nullptr),
             0);
-  EXPECT_EQ(t.data, bytes(static_cast<float*>(zarvel_tensor_raw_pointer(expected)), 2 * 3 * 256));
   zarvel_buffer_free(&scratch);
-  zarvel_tensor_free(&expected);
-  // Scales: max(40 / 16, 30 / 16) and max(20 / 16, 40 / 16) keeping the aspect; stretched, the
-  // region over the item size.
-  const Npy s = read_npy(path("t_scales.npy"));
-  const float keep[4] = {2.5f, 2.5f, 2.5f, 2.5f}, stretch[2] = {2.0f, 3.0f};
-  EXPECT_TRUE(s.descr == "<f4" && s.shape == "2, 2" && s.data == bytes(keep, 4));
-  ASSERT_EQ(tool("tensor in.png -o u.npy --scales s.npy --size 8x4 --dtype u8 --color gray "
-                 "--stretch --roi 2,4,16,12")
-                .status,
-            0);
-  const Npy u = read_npy(path("u.npy"));
-  EXPECT_TRUE(u.descr == "|u1" && u.shape == "1, 1, 4, 8" && u.data.size() == 32u) << u.shape;
-  EXPECT_EQ(read_npy(path("s.npy")).data, bytes(stretch, 2));
+  EXPECT_EQ(t.data, std::string(static_cast<char*>(zarvel_tensor_raw_pointer(expected.get())),
+                                2 * 3 * 16 * 16 * sizeof(float)));
+  // Scales: max(40 / 16, 30 / 16) and max(20 / 16, 40 / 16), keeping the aspect.
+  const float keep[4] = {2.5f, 2.5f, 2.5f, 2.5f};
+  EXPECT_EQ(read_npy(path("t_scales.npy")).data,
+            std::string(reinterpret_cast<const char*>(keep), 16));
 }
 
 // Bad arguments exit 2 with one line; failing operations (the library's status and message
@@ -222,47 +162,35 @@ TEST_F(ToolTest, FailuresExitWithAReasonAndLeaveNoFiles) {
   std::ofstream(path("junk.png"), std::ios::binary) << "not an image";
   const auto before = files();
   for (const char* args :
-       {"", "frobnicate", "crop in.png bad.png", "crop in.png bad.png --area 1x2",
-        "resize in.png bad.png --size 12by3", "resize in.png bad.png",
-        "resize in.png bad.png --size 4x4 --scale 2", "rotate in.png bad.png --angle 45",
-        "cvt in.png bad.png --to XYZ", "cvt missing.png bad.png --to GREY",
-        "cvt in.png bad.png --to GREY --raw 3x3:NV12", "warp in.png bad.png",
+       {"", "frobnicate", "crop in.png bad.png --area 1x2", "resize in.png bad.png --size 12by3",
+        "resize in.png bad.png", "resize in.png bad.png --size 4x4 --scale 2",
+        "rotate in.png bad.png --angle 45", "cvt in.png bad.png --to XYZ",
+        "cvt missing.png bad.png --to GREY", "cvt in.png bad.png --to GREY --raw 3x3:NV12",
         "warp in.png bad.png --from-points 0,0,1,1 --to-points 0,0,1,1",
-        "warp in.png bad.png --affine 1,0,0,0,1",
         "tensor in.png -o t.npy --size 4x4 --roi 1x1+0+0 --roi 1x1+0+0",
         "tensor in.png -o t.npy --size 4x4 --dtype f16"}) {
     const Result r = tool(args);
-    EXPECT_EQ(r.status, 2) << args << ": " << r.err;
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << args << ": " << r.err;
-    EXPECT_EQ(r.err.rfind("zarvel-aux: ", 0), 0u) << args << ": " << r.err;
+    EXPECT_TRUE(r.status == 2 && std::count(r.err.begin(), r.err.end(), '\n') == 1 &&
+                r.err.starts_with("zarvel-aux: "))
+        << args << ": " << r.status << " " << r.err;
   }
   // GREY16 converts to GREY only.
   const Result r = tool("cvt grey16.raw o.png --raw 8x4:GREY16 --to RGB24");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("zarvel_frame_cvt_color failed with status -1000: "), std::string::npos)
+  EXPECT_TRUE(r.status == 1 &&
+              r.err.find("zarvel_frame_cvt_color failed with status -1000: ") != r.err.npos)
       << r.err;
-  for (const char* args :
-       {"resize junk.png o.png --scale 2", "cvt grey16.raw o.png --raw 9x4:GREY16 --to GREY",
-        "rotate in.png no/such/dir/o.png",
-        "tensor in.png -o t.npy --scales no/dir/s.npy --size 4x4"})
+  for (const char* args : {"resize junk.png o.png --scale 2", "rotate in.png no/such/dir/o.png",
+                           "tensor in.png -o t.npy --scales no/dir/s.npy --size 4x4"})
     EXPECT_EQ(tool(args).status, 1) << args;
   EXPECT_EQ(files(), before);
 }
 
-TEST_F(ToolTest, DemoWritesEveryResult) {
-  const Result r = tool("demo -o demo --chart-size 64x48");
-  ASSERT_EQ(r.status, 0) << r.err;
-  for (const char* name : {"chart.png", "preprocess.npy", "letterbox.png", "crop.png", "resize.png",
-                           "scale.jpg", "rotate90.png", "nv12.yuv", "grey.png", "equalize.png",
-                           "warp_affine.png", "warp_perspective.png"})
-    EXPECT_TRUE(fs::exists(dir_ / "demo" / name) && r.out.find(name) != std::string::npos) << name;
-  const Frame chart = load("demo/chart.png"), box = load("demo/letterbox.png");
-  ASSERT_TRUE(chart && chart->width == 64 && chart->height == 48);
-  ASSERT_TRUE(box && box->width == 256 && box->height == 256);
-  EXPECT_TRUE(chart->plane[0][0] == 255 && chart->plane[0][63 * 3] == 0);  // white to black bars
-  EXPECT_EQ(box->plane[0][255 * box->stride[0]], 114);  // padding below the 4:3 chart
-  EXPECT_EQ(read_npy(dir_ / "demo" / "preprocess.npy").shape, "1, 3, 224, 224");
-  EXPECT_EQ(slurp(dir_ / "demo" / "nv12.yuv").size(), 64u * 48 * 3 / 2);
+// The demo runs every operation; one result decoded: the letterbox, padded below the 4:3 chart.
+TEST_F(ToolTest, DemoWritesItsResults) {
+  ASSERT_EQ(tool("demo -o demo --chart-size 64x48").status, 0);
+  const Frame box = load("demo/letterbox.png");
+  EXPECT_TRUE(box && box->width == 256 && box->height == 256 &&
+              box->plane[0][255 * box->stride[0]] == 114);
 }
 
 }  // namespace

@@ -5,8 +5,7 @@
 #include <cstring>
 
 int main() {
-  zarvel_frame_t* frame =
-      zarvel_frame_alloc(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 8, 4, nullptr, 0);
+  auto* frame = zarvel_frame_alloc(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_RGB24, 8, 4, nullptr, 0);
   const bool ok = frame != nullptr && std::strcmp(__plugin_name(), "zarvel_aux") == 0 &&
                   std::strcmp(zarvel_device_get_name(), "") != 0;
   zarvel_frame_free(&frame);
