@@ -25,9 +25,4 @@ inline aux::FramePtr to_host(const zarvel_frame_t* dev) {
   return aux::FramePtr(host);
 }
 
-// A device source makes an operation log these two messages before running on the host.
-inline void expect_device_fallback(LogCapture& log, const std::string& name) {
-  EXPECT_EQ(drain(log), device_fallback(name));
-}
-
 }  // namespace zarvel::test
