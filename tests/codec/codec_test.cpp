@@ -1,8 +1,9 @@
 // Loading: the channel table, adoption of the decoder's block, missing and unreadable input,
 // size limits. Saving and encoding: round trips of every format through the buffer, the file
 // and the loader, from host and device memory, whole frames and views; file name endings;
-// refusals with their messages; writer failures. Then truncated files of every written format,
-// and hostile images that must not make the decoder allocate more than their size can need.
+// refusals with their messages; writer failures. Then truncated and corrupted files of every
+// written format, and hostile images that must not make the decoder allocate more than their size
+// can need.
 #include "codec/codec.h"
 
 #include <gtest/gtest.h>
@@ -252,10 +253,10 @@ TEST(CodecSave, WriterFailuresReturnMinus4AndLeaveNothingBehind) {
   }
 }
 
-// Truncated files of every written format give null or a frame of the written size; the
-// sanitizer build checks that no byte outside the data is read. A PNG may lack only its
-// closing 12-byte IEND chunk. (The load fuzzer corrupts files of every format.)
-TEST(CodecLoad, TruncatedFilesOfEveryFormat) {
+// Truncated files of every written format give null or a frame of the written size, and
+// corrupted ones null or a frame within the limits; the sanitizer build checks that no byte
+// outside the data is read. A PNG may lack only its closing 12-byte IEND chunk.
+TEST(CodecLoad, TruncatedAndCorruptedFilesOfEveryFormat) {
   FramePtr src = make_frame(ZARVEL_PIXFMT_RGB24, 13, 11);
   for (int32_t image : {kJpeg, kBmp, kPng}) {
     const std::vector<uint8_t> bytes = encode(src.get(), image);
@@ -263,6 +264,16 @@ TEST(CodecLoad, TruncatedFilesOfEveryFormat) {
       FramePtr f = decode(std::vector<uint8_t>(bytes.begin(), bytes.begin() + n));
       EXPECT_TRUE(image != kPng || n >= bytes.size() - 12 || !f) << image << " " << n;
       EXPECT_TRUE(!f || (f->width == 13 && f->height == 11)) << image << " " << n;
+    }
+    uint32_t rng = 777u + image;
+    for (int trial = 0; trial < 300; ++trial) {
+      std::vector<uint8_t> bad = bytes;
+      for (int k = 0; k < 1 + trial % 3; ++k) {
+        rng = rng * 1664525u + 1013904223u;
+        bad[(rng >> 8) % bad.size()] = static_cast<uint8_t>(rng >> 24);
+      }
+      FramePtr f = decode(bad);
+      EXPECT_TRUE(!f || int64_t{f->width} * f->height <= int64_t{1} << 26) << image;
     }
   }
 }
