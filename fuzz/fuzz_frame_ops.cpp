@@ -1,7 +1,7 @@
 // Every single-frame operation with fuzzed formats, sizes, strides, regions, matrices,
-// parameters and output frames. The source must come back unchanged, an operation that
-// fails must not leave a half-made output of its own, and nothing may read or write outside
-// the frames (ASan) or leak (LSan).
+// parameters and output frames. The source must come back unchanged, an output the operation
+// allocated must be readable when it succeeds, and nothing may read or write outside the
+// frames (ASan) or leak (LSan) once the output slot is freed.
 #include "fuzz_support.h"
 
 namespace {

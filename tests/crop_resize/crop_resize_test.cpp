@@ -142,7 +142,7 @@ void expect_planes_resized(const zarvel_frame_t* src, const zarvel_frame_t* out,
 
 // Every format plane by plane, up and down, the second size into a larger given output, which
 // receives the top-left corner only.
-TEST(Resize, EveryFormatPlaneByPlaneGivenOutputsAndScale) {
+TEST(Resize, EveryFormatPlaneByPlaneAndIntoGivenOutputs) {
   for (uint32_t format : kAllFormats) {
     if (format == ZARVEL_PIXFMT_GREY16) continue;
     for (auto [w, h, ow, oh] : {std::array{38, 26, 22, 30}, {40, 20, 16, 36}}) {

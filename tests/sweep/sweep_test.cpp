@@ -122,8 +122,27 @@ TEST_F(Sweep, NullPointersAreRefused) {
               zarvel_tensor_calc_offset(nullptr, 0, 0, 0, 0) == -1 &&
               zarvel_tensor_mem_type(nullptr) == UINT32_MAX &&
               !zarvel_tensor_data_at(nullptr, 0, 0, 0, 0));
-  zarvel_tensor_t* no_tensor = nullptr;
+  // Image files, encoding, the batch call (tensor, frames, regions, buffer slot) and the way back.
   zarvel_buffer_t* no_buffer = nullptr;
+  zarvel_tensor_t* no_tensor = nullptr;
+  zarvel_buffer_t* buffer = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
+  EXPECT_TRUE(zarvel_frame_save(nullptr, "never.png") == -1 &&
+              zarvel_frame_save(grey.get(), nullptr) == -1000 &&
+              zarvel_frame_encode(nullptr, ZARVEL_IMAGE_PNG, buffer) == -1 &&
+              zarvel_frame_encode(grey.get(), ZARVEL_IMAGE_PNG, nullptr) != 0 &&
+              !zarvel_frame_load(nullptr) && !zarvel_frame_load_from_memory(nullptr, 64) &&
+              zarvel_tensor_to_frames(nullptr, 2, 0, &none) == 75 && none == nullptr);
+  zarvel_frame_t* items[1] = {grey.get()};
+  const Area2D roi{0, 0, 2, 2};
+  const float ones[3] = {1, 1, 1};
+  auto batch = [&](zarvel_tensor_t* to, zarvel_frame_t** f, const Area2D* r, zarvel_buffer_t** b) {
+    return zarvel_frame_transform_to_tensor_batch(to, 2, 1, f, r, 0, ones, ones, nullptr, b,
+                                                  nullptr, nullptr);
+  };
+  EXPECT_TRUE(
+      batch(nullptr, items, &roi, &buffer) == -1 && batch(t.get(), nullptr, &roi, &buffer) == -1 &&
+      batch(t.get(), items, nullptr, &buffer) == -1 && batch(t.get(), items, &roi, nullptr) == -1);
+  zarvel_buffer_free(&buffer);
   zarvel_frame_free(nullptr), zarvel_frame_free(&none), zarvel_tensor_free(nullptr);
   zarvel_tensor_free(&no_tensor), zarvel_buffer_free(nullptr), zarvel_buffer_free(&no_buffer);
 }
@@ -214,8 +233,8 @@ auto set(M member, T value) {
   return [=](auto& record) { record.*member = value; };
 }
 
-// Frames into tensors: one item and the fused transforms. (The batch and the way back, whose
-// null arguments the tensor fuzzer reaches, have their refusals in the tensor tests.)
+// Frames into tensors: one item and the fused transforms. (The null arguments of the batch
+// call and the way back are in the null-pointer test.)
 TEST_F(Sweep, TensorPathsRefuseBadArguments) {
   FramePtr rgb = frame(ZARVEL_PIXFMT_RGB24, 16, 16);
   TensorPtr t(zarvel_tensor_alloc(ZARVEL_MEM_HOST, ZARVEL_ELEM_F32, 2, 3, 8, 8));
@@ -246,7 +265,7 @@ TEST_F(Sweep, TensorPathsRefuseBadArguments) {
       nullptr, &scratch};
   EXPECT_NE(zarvel_frame_transform_to_tensor(nullptr), 0);
   // Nulls, more items than the tensor holds, unknown colour types and modes, and bad items.
-  // (Warp modes without matrices and refused regions are in the transform tests; items far
+  // (Warp modes without matrices and refused batch regions are in the tensor tests; items far
   // larger than the tensor, which are clipped, in the transform fuzzer's reach.)
   expect_spoilers_refused<O>(
       base, [](O& o) { return zarvel_frame_transform_to_tensor(&o); },

@@ -62,6 +62,12 @@ std::vector<uint8_t> run_all(int seed) {
     *d = zarvel_frame_load_from_memory(zarvel_buffer_raw_pointer(png), zarvel_buffer_size(png));
     return *d ? 0 : 1;
   });
+  const float from[6] = {1, 2, 30, 4, 7, 25}, to[6] = {3, 1, 33, 9, 2, 27};
+  float fit[4][9];
+  zarvel_find_affine_transform(from, to, fit[0], fit[1]);
+  zarvel_find_similarity_transform(from, to, fit[2], fit[3]);
+  const auto* fits = reinterpret_cast<const uint8_t*>(fit);
+  out.insert(out.end(), fits, fits + sizeof(fit));
   for (zarvel_buffer_t* b : {png, scratch}) zarvel_buffer_free(&b);
   zarvel_tensor_free(&tensor);
   for (zarvel_frame_t* f : {grey, nv12, rgb}) zarvel_frame_free(&f);

@@ -64,6 +64,9 @@ TEST(Estimate, KnownAndDegenerateTransforms) {
   const Points line = {0, 0, 1, 1, 2, 2}, line_dst = {5, 1, 7, 3, 9, 5};
   expect_near(map_points(estimate(1, line, line_dst).first.data(), line).data(), line_dst.data(), 6,
               1e-4f);
+  // Collinear and coincident points through every fit: no crash, whatever the singular fits give.
+  for (int kind : {0, 1, 2})
+    for (const Points& p : {line, Points{3, 3, 3, 3, 3, 3}}) estimate(kind, p, line_dst);
 }
 
 // Many noisy pairs: the fit is a rotation with scale, and its residuals satisfy the normal
