@@ -76,6 +76,14 @@ void run_memcpy(benchmark::State& state, const Case& c) {
   state.SetBytesProcessed(state.iterations() * s.tensor_bytes);
 }
 
+#if defined(ZARVEL_BENCH_OPENCV) || defined(ZARVEL_BENCH_OPENCV_DNN)
+// The case's packed source frame as an OpenCV matrix over the same pixels.
+cv::Mat packed_source(const Setup& s, const Case& c) {
+  return cv::Mat(c.size, c.size, CV_8UC(zarvel_frame_pixel_size(c.format)), s.frame->plane[0],
+                 s.frame->stride[0]);
+}
+#endif
+
 #ifdef ZARVEL_BENCH_OPENCV
 // Splits the packed frame into u8 planes, then converts each plane into its tensor plane
 // with (v - mean) / std as convertTo's alpha and beta.
@@ -83,8 +91,7 @@ void run_opencv(benchmark::State& state, const Case& c) {
   cv::setNumThreads(1);
   Setup s(c);
   const int n = c.size;
-  const int channels = zarvel_frame_pixel_size(c.format);
-  cv::Mat src(n, n, CV_8UC(channels), s.frame->plane[0], s.frame->stride[0]);
+  const cv::Mat src = packed_source(s, c);
   const int depth = c.elem == ZARVEL_ELEM_F32 ? CV_32F : CV_8U;
   const size_t esize = c.elem == ZARVEL_ELEM_F32 ? 4 : 1;
   auto* base = static_cast<uint8_t*>(zarvel_tensor_raw_pointer(s.tensor.get()));
@@ -120,8 +127,7 @@ void run_opencv_blob(benchmark::State& state, const Case& c) {
   cv::setNumThreads(1);
   Setup s(c);
   const int n = c.size;
-  const int channels = zarvel_frame_pixel_size(c.format);
-  cv::Mat src(n, n, CV_8UC(channels), s.frame->plane[0], s.frame->stride[0]);
+  const cv::Mat src = packed_source(s, c);
   const int planes = c.color_type == 2 ? 1 : 3;
   const int shape[4] = {1, planes, n, n};
   cv::Mat blob(4, shape, CV_32F, zarvel_tensor_raw_pointer(s.tensor.get()));
