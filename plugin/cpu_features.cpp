@@ -30,6 +30,11 @@ uint32_t detect() {
   if (__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx) && (ebx & (1u << 5)) != 0) {
     features |= kCpuAvx2;
     if (fma) features |= kCpuAvx2Fma;
+    // AVX-512 F (ebx bit 16), BW (ebx bit 30) and VBMI (ecx bit 1), with the OS saving the
+    // opmask and both halves of the 512-bit registers (XCR0 bits 5 to 7).
+    const bool avx512 = (ebx & (1u << 16)) != 0 && (ebx & (1u << 30)) != 0 &&
+                        (ecx & (1u << 1)) != 0 && (read_xcr0() & 0xe0) == 0xe0;
+    if (fma && avx512) features |= kCpuAvx512Vbmi;
   }
   return features;
 }

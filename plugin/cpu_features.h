@@ -1,5 +1,5 @@
 // The processor-feature word: computed once, read by the kernel dispatchers of the colour,
-// resize and warp families to pick their vector variants.
+// resize, warp and equalisation families to pick their vector variants.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,8 @@ namespace zarvel::aux {
 inline constexpr uint32_t kCpuAvx = 0x1;        // VEX-encoded 128-bit instructions usable
 inline constexpr uint32_t kCpuAvx2 = 0x40;      // 256-bit integer multiply and add usable
 inline constexpr uint32_t kCpuAvx2Fma = 0x100;  // 256-bit fused multiply-add usable
+// 512-bit byte permutes usable (AVX-512 F, BW and VBMI; implies the bits above).
+inline constexpr uint32_t kCpuAvx512Vbmi = 0x200;
 
 // Features of this processor and operating system, filtered by the test mask.
 uint32_t cpu_features();

@@ -1,5 +1,5 @@
 // The equalisation kernel: histogram, cumulative table, byte mapping (scalar, or the
-// 256-bit mapping when the processor has AVX2).
+// 256-bit or 512-bit mapping when the processor has them).
 #include <cmath>
 #include <cstddef>
 #include <cstring>
@@ -72,7 +72,10 @@ void build_equalize_table(const int32_t hist[256], int32_t n, uint8_t table[256]
 void map_table(int32_t height, int32_t width, int32_t src_stride, const uint8_t* src,
                int32_t dst_stride, uint8_t* dst, const uint8_t table[256]) {
   if (height <= 0 || width <= 0) return;
-  const auto map_run = (cpu_features() & kCpuAvx2) != 0 ? map_run_avx2 : map_run_c;
+  const uint32_t features = cpu_features();
+  const auto map_run = (features & kCpuAvx512Vbmi) != 0 ? map_run_avx512vbmi
+                       : (features & kCpuAvx2) != 0     ? map_run_avx2
+                                                        : map_run_c;
   if (src_stride == width && dst_stride == width) {
     map_run(src, int64_t{height} * width, dst, table);
     return;

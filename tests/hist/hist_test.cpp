@@ -55,15 +55,15 @@ std::vector<uint8_t> equalize(const std::vector<uint8_t>& pixels, int w) {
   return visible_bytes(out.get());
 }
 
-// On both paths of the mapping (scalar, and the 256-bit byte-shuffle lookup): every width to
-// 40 covers the row tails of counting and mapping, then widths around the 32- and 64-byte
-// steps and larger shapes. Images with all levels, a narrow band, a few levels and a skewed
-// spread.
+// On every path of the mapping (scalar, the 256-bit byte-shuffle lookup, the 512-bit byte
+// permutes where present): every width to 40 covers the row tails of counting and mapping,
+// then widths around the 32- and 64-byte steps and larger shapes. Images with all levels, a narrow
+// band, a few levels and a skewed spread.
 TEST(EqualizeHist, MatchesTheCumulativeFormulaOnVariedImages) {
   std::mt19937 rng(11);
   std::vector<std::array<int, 2>> shapes = {{1, 9}, {63, 5}, {64, 4}, {65, 17}, {97, 3}, {200, 31}};
   for (int w = 1; w <= 40; ++w) shapes.push_back({w, 3});
-  for (uint32_t mask : {0u, ~0u}) {
+  for (uint32_t mask : {0u, za::kCpuAvx | za::kCpuAvx2, ~0u}) {
     FeatureMask features(mask);
     for (const auto [w, h] : shapes)
       for (int kind = 0; kind < 4; ++kind) {
