@@ -107,6 +107,10 @@ int rgb_to_luma_row_avx2(const uint8_t* rgb, uint8_t* y, int width, bool bgr);
 // row of a block row); returns the pixels done (a multiple of 8), whose blocks are done too.
 int rgb_to_luma_chroma_row_avx2(const uint8_t* rgb, uint8_t* y, uint8_t* u, uint8_t* v, int step,
                                 int width, bool bgr);
+// The same rows 16 pixels a step (need AVX-512 F, BW and VBMI).
+int rgb_to_luma_row_avx512(const uint8_t* rgb, uint8_t* y, int width, bool bgr);
+int rgb_to_luma_chroma_row_avx512(const uint8_t* rgb, uint8_t* y, uint8_t* u, uint8_t* v, int step,
+                                  int width, bool bgr);
 
 // ---- packed and grey rows ----
 // Weighted grey through three 256-entry tables built once per call.
@@ -117,6 +121,7 @@ void fill_grey_tables(GreyTables* tables, bool bgr);
 void rgb_to_grey_row_c(const GreyTables& tables, const uint8_t* rgb, uint8_t* grey, int x0,
                        int width);
 int rgb_to_grey_row_avx2(const uint8_t* rgb, uint8_t* grey, int width, bool bgr);
+int rgb_to_grey_row_avx512(const uint8_t* rgb, uint8_t* grey, int width, bool bgr);
 
 void swap_rb_row_c(const uint8_t* src, uint8_t* dst, int x0, int width);
 int swap_rb_row_avx2(const uint8_t* src, uint8_t* dst, int width);

@@ -17,6 +17,7 @@ inline uint8_t* row(uint8_t* base, int32_t stride, int32_t r) {
 }
 
 bool use_avx2() { return (cpu_features() & kCpuAvx2) != 0; }
+bool use_avx512() { return (cpu_features() & kCpuAvx512Vbmi) != 0; }
 
 // Runs a pixel-for-pixel row kernel over a plane: the vector row (which returns how many
 // pixels it did, 0 without AVX2) and then the scalar row from there. When both planes have
@@ -65,7 +66,9 @@ void yuv420_to_rgb(Chroma chroma, const uint8_t* y, int32_t y_stride, const uint
 
 void rgb_to_yuv420(const uint8_t* rgb, int32_t rgb_stride, bool bgr, uint8_t* y, int32_t y_stride,
                    const ChromaPlanes& chroma, int32_t width, int32_t height) {
-  const bool avx2 = use_avx2();
+  const bool avx512 = use_avx512(), avx2 = use_avx2();
+  const auto luma_chroma_row = avx512 ? rgb_to_luma_chroma_row_avx512 : rgb_to_luma_chroma_row_avx2;
+  const auto luma_row = avx512 ? rgb_to_luma_row_avx512 : rgb_to_luma_row_avx2;
   const int32_t blocks = width / 2;
   for (int32_t r = 0; r < height; ++r) {
     const uint8_t* src = row(rgb, rgb_stride, r);
@@ -73,12 +76,11 @@ void rgb_to_yuv420(const uint8_t* rgb, int32_t rgb_stride, bool bgr, uint8_t* y,
     if (r % 2 == 0 && r + 1 < height) {
       uint8_t* u = row(chroma.u, chroma.u_stride, r / 2);
       uint8_t* v = row(chroma.v, chroma.v_stride, r / 2);
-      const int done =
-          avx2 ? rgb_to_luma_chroma_row_avx2(src, luma, u, v, chroma.step, width, bgr) : 0;
+      const int done = avx2 ? luma_chroma_row(src, luma, u, v, chroma.step, width, bgr) : 0;
       rgb_to_luma_row_c(src, luma, done, width, bgr);
       rgb_to_chroma_row_c(src, u, v, chroma.step, done / 2, blocks, bgr);
     } else {
-      const int done = avx2 ? rgb_to_luma_row_avx2(src, luma, width, bgr) : 0;
+      const int done = avx2 ? luma_row(src, luma, width, bgr) : 0;
       rgb_to_luma_row_c(src, luma, done, width, bgr);
     }
   }
@@ -90,7 +92,8 @@ void rgb_to_grey(const uint8_t* rgb, int32_t rgb_stride, bool bgr, uint8_t* grey
   fill_grey_tables(&tables, bgr);
   pixel_rows(
       rgb, rgb_stride, 3, grey, grey_stride, 1, width, height,
-      [bgr](const uint8_t* s, uint8_t* d, int n) { return rgb_to_grey_row_avx2(s, d, n, bgr); },
+      [bgr, row = use_avx512() ? rgb_to_grey_row_avx512 : rgb_to_grey_row_avx2](
+          const uint8_t* s, uint8_t* d, int n) { return row(s, d, n, bgr); },
       [&tables](const uint8_t* s, uint8_t* d, int x0, int n) {
         rgb_to_grey_row_c(tables, s, d, x0, n);
       });

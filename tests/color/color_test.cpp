@@ -57,7 +57,8 @@ uint8_t grey_of(int r, int g, int b) {
 // ---- the plane loops ----
 
 // The feature masks that select each variant: the plain loops, the 128-bit YU12 path (AVX2
-// without the FMA level), and the 256-bit paths.
+// without the FMA level, which also gives the 256-bit RGB -> YUV and grey rows), and the widest
+// paths (256-bit, or 512-bit for RGB -> YUV and grey where the processor has them).
 constexpr uint32_t kScalar = 0u, kNarrow = za::kCpuAvx | za::kCpuAvx2, kWide = ~0u;
 
 // Whether the processor runs `variant` (asked outside any FeatureMask scope).
@@ -180,7 +181,9 @@ TEST(ColorKernels, RgbToYuvAndGreyForEveryTriple) {
       for (int i = 0; i < 65536; ++i)
         if (grey[i] != (bgr ? grey_of(i & 255, i >> 8, r) : grey_of(r, i >> 8, i & 255)))
           FAIL() << "grey of " << r << "," << i << " bgr " << bgr;
-      ASSERT_TRUE(!vector || grey == run_as(kWide, 65536, grey_ops[bgr])) << r << " bgr " << bgr;
+      for (const uint32_t variant : {kNarrow, kWide})
+        ASSERT_TRUE(!vector || grey == run_as(variant, 65536, grey_ops[bgr]))
+            << r << " bgr " << bgr << " variant " << variant;
     }
     // NV12 from RGB, NV21 from BGR and YU12 from RGB: {op, bgr, U offset, V offset, step}.
     for (const auto [op, bgr, u_at, v_at, step] :
@@ -193,12 +196,14 @@ TEST(ColorKernels, RgbToYuvAndGreyForEveryTriple) {
             cs[2 * b + 1] != want[2])
           FAIL() << "YUV of " << r << "," << b;
       }
-      if (!vector) continue;
-      const Bytes v = run_as(kWide, 3 * kW, yuv_ops[op]);
-      ASSERT_TRUE(std::equal(ys.begin(), ys.end(), v.begin()) &&
-                  std::equal(ys.begin(), ys.end(), v.begin() + kW) &&
-                  std::equal(cs.begin(), cs.end(), v.begin() + 2 * kW))
-          << "R " << r << " op " << op;
+      for (const uint32_t variant : {kNarrow, kWide}) {
+        if (!vector) continue;
+        const Bytes v = run_as(variant, 3 * kW, yuv_ops[op]);
+        ASSERT_TRUE(std::equal(ys.begin(), ys.end(), v.begin()) &&
+                    std::equal(ys.begin(), ys.end(), v.begin() + kW) &&
+                    std::equal(cs.begin(), cs.end(), v.begin() + 2 * kW))
+            << "R " << r << " op " << op << " variant " << variant;
+      }
     }
   }
 }
@@ -226,6 +231,7 @@ TEST(ColorKernels, VectorPathsMatchScalarOverShapesAndStrides) {
         for (size_t i = 0; i < ops.size(); ++i) {
           const Bytes s = run_as(kScalar, 2 * src.size(), ops[i]);
           ASSERT_EQ(s, run_as(kWide, 2 * src.size(), ops[i])) << "op " << i;
+          ASSERT_EQ(s, run_as(kNarrow, 2 * src.size(), ops[i])) << "op " << i;
           EXPECT_TRUE(pad == 0 || i > 0 || s[w] == 0x5a) << "grey padding written";
         }
       }
