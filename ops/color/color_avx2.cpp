@@ -350,13 +350,11 @@ int rgb_to_luma_chroma_row_avx2(const uint8_t* rgb, uint8_t* y, uint8_t* u, uint
 }
 
 int rgb_to_grey_row_avx2(const uint8_t* rgb, uint8_t* grey, int width, bool bgr) {
-  // Pairs (byte 0, byte 1) and (byte 2, 0) as int16, one multiply-add each: the same
-  // products as the tables i * w0, i * 9617 and i * w2.
+  // Pairs (byte 0, byte 1) and (byte 2, 0) as int16, one multiply-add each.
   static constexpr int8_t k01[16] = {0, -1, 1, -1, 3, -1, 4, -1, 6, -1, 7, -1, 9, -1, 10, -1};
   static constexpr int8_t k2[16] = {2, -1, -1, -1, 5, -1, -1, -1, 8, -1, -1, -1, 11, -1, -1, -1};
-  const int16_t w0 = bgr ? kGreyB : kGreyR, w2 = bgr ? kGreyR : kGreyB;
-  const __m256i weights01 = _mm256_set1_epi32((static_cast<int32_t>(kGreyG) << 16) | w0);
-  const __m256i weights2 = _mm256_set1_epi32(w2);
+  const GreyPairWeights w = grey_pair_weights(bgr);
+  const __m256i weights01 = _mm256_set1_epi32(w.first), weights2 = _mm256_set1_epi32(w.last);
   const __m256i half = _mm256_set1_epi32(kGreyHalf);
   const int blocks = width & ~7;
   for (int x = 0; x < blocks; x += 8) {

@@ -113,7 +113,7 @@ int rgb_to_luma_chroma_row_avx512(const uint8_t* rgb, uint8_t* y, uint8_t* u, ui
 
 int rgb_to_grey_row_avx512(const uint8_t* rgb, uint8_t* grey, int width, bool bgr) {
   // Bytes 0 and 1 of each pixel as the int16 pair of its lane, byte 2 alone: one multiply-add
-  // each gives the products of the tables, i * w0 + i * 9617 and i * w2.
+  // each.
   alignas(64) std::array<uint8_t, 64> first{}, last{};
   for (int lane = 0; lane < 16; ++lane) {
     first[4 * lane] = static_cast<uint8_t>(3 * lane);
@@ -122,9 +122,8 @@ int rgb_to_grey_row_avx512(const uint8_t* rgb, uint8_t* grey, int width, bool bg
   }
   const __m512i index01 = _mm512_load_si512(first.data()), index2 = _mm512_load_si512(last.data());
   constexpr __mmask64 kWordLowBytes = 0x5555555555555555;
-  const int16_t w0 = bgr ? kGreyB : kGreyR, w2 = bgr ? kGreyR : kGreyB;
-  const __m512i weights01 = _mm512_set1_epi32((static_cast<int32_t>(kGreyG) << 16) | w0);
-  const __m512i weights2 = _mm512_set1_epi32(w2);
+  const GreyPairWeights w = grey_pair_weights(bgr);
+  const __m512i weights01 = _mm512_set1_epi32(w.first), weights2 = _mm512_set1_epi32(w.last);
   const __m512i half = _mm512_set1_epi32(kGreyHalf);
   const int blocks = width & ~15;
   for (int x = 0; x < blocks; x += 16) {

@@ -118,6 +118,15 @@ struct GreyTables {
   int32_t t0[256], t1[256], t2[256];
 };
 void fill_grey_tables(GreyTables* tables, bool bgr);
+// The same weights as int16 pairs for 32-bit multiply-adds of (byte 0, byte 1) and (byte 2, 0)
+// of a pixel: the products of the tables, i * w0 + i * 9617 and i * w2.
+struct GreyPairWeights {
+  int32_t first, last;
+};
+inline GreyPairWeights grey_pair_weights(bool bgr) {
+  const int32_t w0 = bgr ? kGreyB : kGreyR, w2 = bgr ? kGreyR : kGreyB;
+  return {(kGreyG << 16) | w0, w2};
+}
 void rgb_to_grey_row_c(const GreyTables& tables, const uint8_t* rgb, uint8_t* grey, int x0,
                        int width);
 int rgb_to_grey_row_avx2(const uint8_t* rgb, uint8_t* grey, int width, bool bgr);
