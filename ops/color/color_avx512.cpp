@@ -16,8 +16,8 @@ namespace {
 constexpr __mmask64 kPixels16 = (uint64_t{1} << 48) - 1;  // the 48 bytes of 16 pixels
 constexpr __mmask64 kLowBytes = 0x1111111111111111;       // byte 0 of each int32 lane
 
-// Byte indices that put byte `channel` of pixel `first + step * (lane % period)` into
-// lane `lane` (the other bytes of each lane are masked to zero).
+// Byte indices that put byte `channel` of pixel `step * (lane % period)` into byte 0 of
+// lane `lane` (the other bytes of each lane are 0, and masked to zero by the permutes).
 __m512i channel_index(int channel, int step, int period) {
   alignas(64) std::array<uint8_t, 64> index{};
   for (int lane = 0; lane < 16; ++lane) {
@@ -114,13 +114,9 @@ int rgb_to_luma_chroma_row_avx512(const uint8_t* rgb, uint8_t* y, uint8_t* u, ui
 int rgb_to_grey_row_avx512(const uint8_t* rgb, uint8_t* grey, int width, bool bgr) {
   // Bytes 0 and 1 of each pixel as the int16 pair of its lane, byte 2 alone: one multiply-add
   // each.
-  alignas(64) std::array<uint8_t, 64> first{}, last{};
-  for (int lane = 0; lane < 16; ++lane) {
-    first[4 * lane] = static_cast<uint8_t>(3 * lane);
-    first[4 * lane + 2] = static_cast<uint8_t>(3 * lane + 1);
-    last[4 * lane] = static_cast<uint8_t>(3 * lane + 2);
-  }
-  const __m512i index01 = _mm512_load_si512(first.data()), index2 = _mm512_load_si512(last.data());
+  const __m512i index01 =
+      _mm512_or_si512(channel_index(0, 1, 16), _mm512_slli_epi32(channel_index(1, 1, 16), 16));
+  const __m512i index2 = channel_index(2, 1, 16);
   constexpr __mmask64 kWordLowBytes = 0x5555555555555555;
   const GreyPairWeights w = grey_pair_weights(bgr);
   const __m512i weights01 = _mm512_set1_epi32(w.first), weights2 = _mm512_set1_epi32(w.last);
