@@ -10,7 +10,8 @@ namespace zarvel::tool {
 namespace {
 
 // The processor-feature word as the library computes it: 0x1 VEX 128-bit usable, 0x40 AVX2,
-// 0x100 AVX2 with FMA. The tool reaches only the public interface, so it asks cpuid itself.
+// 0x100 AVX2 with FMA, 0x200 AVX-512 F, BW and VBMI. The tool reaches only the public
+// interface, so it asks cpuid itself.
 uint32_t feature_word() {
 #if defined(__x86_64__) || defined(__i386__)
   __builtin_cpu_init();
@@ -18,6 +19,10 @@ uint32_t feature_word() {
   if (__builtin_cpu_supports("avx")) word |= 0x1;
   if ((word & 0x1) && __builtin_cpu_supports("avx2")) word |= 0x40;
   if ((word & 0x40) && __builtin_cpu_supports("fma")) word |= 0x100;
+  if ((word & 0x100) && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+      __builtin_cpu_supports("avx512vbmi")) {
+    word |= 0x200;
+  }
   return word;
 #else
   return 0;
@@ -29,21 +34,24 @@ void info() {
   const uint32_t word = feature_word();
   const auto yes = [word](uint32_t bit) { return (word & bit) != 0 ? "yes" : "no"; };
   std::printf("Device       : %s\n", zarvel_device_get_name());
-  std::printf("Features     : 0x%x (0x1 AVX %s, 0x40 AVX2 %s, 0x100 AVX2+FMA %s)\n\n", word,
-              yes(0x1), yes(0x40), yes(0x100));
+  std::printf(
+      "Features     : 0x%x (0x1 AVX %s, 0x40 AVX2 %s, 0x100 AVX2+FMA %s, 0x200 AVX-512 VBMI "
+      "%s)\n\n",
+      word, yes(0x1), yes(0x40), yes(0x100), yes(0x200));
   // The variant each family's dispatcher picks from that word.
-  const bool avx = word & 0x1, avx2 = word & 0x40, fma = word & 0x100;
+  const bool avx = word & 0x1, avx2 = word & 0x40, fma = word & 0x100, vbmi = word & 0x200;
   const struct {
     const char* family;
     const char* variant;
   } kFamilies[] = {
       {"resize", avx2 ? "AVX2" : "scalar"},
-      {"cvt", fma    ? "AVX2+FMA"
+      {"cvt", vbmi   ? "AVX-512 VBMI"
+              : fma  ? "AVX2+FMA"
               : avx2 ? "AVX2 (YU12: SSE4.1)"
                      : "scalar"},
       {"rotate", avx ? "SSSE3 (VEX)" : "scalar"},
       {"warp", fma ? "AVX2+FMA" : "scalar"},
-      {"equalize", "scalar"},
+      {"equalize", vbmi ? "AVX-512 VBMI" : (avx2 ? "AVX2" : "scalar")},
       {"tensor", avx2 ? "AVX2" : "scalar"},
   };
   std::printf("Kernels:\n");

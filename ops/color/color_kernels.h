@@ -95,6 +95,14 @@ void yuv_to_rgb_rows_c(const YuvRowPair& rows, int x0, int width, Chroma chroma,
 // Vector blocks from pixel 0: return how many pixels they did (a multiple of 8, resp. 4).
 int yuv_to_rgb_rows_avx2(const YuvRowPair& rows, int width, Chroma chroma, bool bgr);
 int yu12_to_rgb_rows_sse41(const YuvRowPair& rows, int width, bool bgr);
+// 64 pixels a step (needs AVX-512 F, BW and VBMI).
+int yuv_to_rgb_rows_avx512(const YuvRowPair& rows, int width, Chroma chroma, bool bgr);
+// The same row pair from pixel x (even) on.
+inline YuvRowPair advance(const YuvRowPair& rows, int x, Chroma chroma) {
+  const int c = chroma == Chroma::kYu12 ? x / 2 : x;
+  return {rows.y0 + x,     rows.y1 + x,    rows.c1 + c, rows.c2 ? rows.c2 + x / 2 : nullptr,
+          rows.d0 + 3 * x, rows.d1 + 3 * x};
+}
 
 // ---- RGB24 / BGR24 -> YUV 4:2:0 ----
 // Luma of every pixel of a row.

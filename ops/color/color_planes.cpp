@@ -48,6 +48,7 @@ void yuv420_to_rgb(Chroma chroma, const uint8_t* y, int32_t y_stride, const uint
   // The 256-bit path needs the full AVX2 + FMA level; without it, YU12 alone has a 128-bit path.
   const uint32_t features = cpu_features();
   const bool wide = (features & kCpuAvx2Fma) != 0;
+  const bool widest = (features & kCpuAvx512Vbmi) != 0;
   const bool narrow = !wide && (features & kCpuAvx2) != 0 && chroma == Chroma::kYu12;
   for (int32_t r = 0; r < height; r += 2) {
     const int32_t r1 = r + 1 < height ? r + 1 : r;
@@ -56,7 +57,9 @@ void yuv420_to_rgb(Chroma chroma, const uint8_t* y, int32_t y_stride, const uint
                              row(dst, dst_stride, r),   row(dst, dst_stride, r1)};
     int done = 0;
     if (wide) {
-      done = yuv_to_rgb_rows_avx2(rows, width, chroma, bgr);
+      // The 512-bit row does 64-pixel blocks, the 256-bit row what it can of the rest.
+      done = widest ? yuv_to_rgb_rows_avx512(rows, width, chroma, bgr) : 0;
+      done += yuv_to_rgb_rows_avx2(advance(rows, done, chroma), width - done, chroma, bgr);
     } else if (narrow) {
       done = yu12_to_rgb_rows_sse41(rows, width, bgr);
     }

@@ -57,13 +57,15 @@ uint8_t grey_of(int r, int g, int b) {
 // ---- the plane loops ----
 
 // The feature masks that select each variant: the plain loops, the 128-bit YU12 path (AVX2
-// without the FMA level, which also gives the 256-bit RGB -> YUV and grey rows), and the widest
-// paths (256-bit, or 512-bit for RGB -> YUV and grey where the processor has them).
+// without the FMA level, which also gives the 256-bit RGB -> YUV and grey rows), the 256-bit
+// YUV -> RGB rows, and the widest paths (512-bit where the processor has them).
 constexpr uint32_t kScalar = 0u, kNarrow = za::kCpuAvx | za::kCpuAvx2, kWide = ~0u;
+constexpr uint32_t k256 = ~za::kCpuAvx512Vbmi;
 
 // Whether the processor runs `variant` (asked outside any FeatureMask scope).
 bool available(uint32_t variant) {
-  const uint32_t needs = variant == kWide ? za::kCpuAvx2Fma : variant & za::kCpuAvx2;
+  const uint32_t needs =
+      variant == kWide || variant == k256 ? za::kCpuAvx2Fma : variant & za::kCpuAvx2;
   return (za::cpu_features() & needs) == needs;
 }
 
@@ -104,10 +106,17 @@ std::array<Bytes, 2> to_rgb(Chroma chroma, bool bgr, uint32_t variant, int w, in
 // The YUV -> RGB cases: every variant, layout and channel order that has its own code. A U
 // step of 1 checks every (Y, U, V) triple; the others share the arithmetic and sample U.
 constexpr std::tuple<uint32_t, Chroma, bool, int> kYuvCases[] = {
-    {kWide, Chroma::kNv12, false, 1},    {kWide, Chroma::kNv12, true, 15},
-    {kWide, Chroma::kNv21, false, 15},   {kWide, Chroma::kNv21, true, 1},
-    {kWide, Chroma::kYu12, false, 15},   {kWide, Chroma::kYu12, true, 1},
-    {kNarrow, Chroma::kYu12, false, 1},  {kNarrow, Chroma::kYu12, true, 15},
+    {kWide, Chroma::kNv12, false, 1},
+    {kWide, Chroma::kNv12, true, 15},
+    {kWide, Chroma::kNv21, false, 15},
+    {kWide, Chroma::kNv21, true, 1},
+    {kWide, Chroma::kYu12, false, 15},
+    {kWide, Chroma::kYu12, true, 1},
+    {k256, Chroma::kNv12, false, 1},
+    {k256, Chroma::kNv21, true, 1},
+    {k256, Chroma::kYu12, false, 1},
+    {kNarrow, Chroma::kYu12, false, 1},
+    {kNarrow, Chroma::kYu12, true, 15},
     {kNarrow, Chroma::kNv12, false, 15},  // without the 256-bit level this stays scalar
 };
 
@@ -212,7 +221,7 @@ TEST(ColorKernels, RgbToYuvAndGreyForEveryTriple) {
 // blocks, several heights and padded strides; padding keeps its sentinel.
 TEST(ColorKernels, VectorPathsMatchScalarOverShapesAndStrides) {
   std::mt19937 rng(7);
-  for (int w = 1; w <= 70; ++w)
+  for (int w = 1; w <= 140; w += w < 70 ? 1 : 7)
     for (int h : {1, 2, 3, 6})
       for (int pad : {0, 1, 13}) {
         SCOPED_TRACE(testing::Message() << "w " << w << " h " << h << " pad " << pad);
@@ -240,9 +249,9 @@ TEST(ColorKernels, VectorPathsMatchScalarOverShapesAndStrides) {
 // Every plane exactly two rows (one chroma row) long, ending at a guard page.
 TEST(ColorKernels, VectorRowsStayInsideTheirRows) {
   if (!available(kWide)) GTEST_SKIP();
-  for (const uint32_t variant : {kWide, kNarrow}) {
+  for (const uint32_t variant : {kWide, k256, kNarrow}) {
     FeatureMask features(variant);
-    for (int w = 2; w <= 48; w += 2) {
+    for (int w = 2; w <= 140; w += w < 48 ? 2 : 14) {
       GuardedBuffer by(2 * w), buv(w), bu(w / 2), bv(w / 2), rgbb(6 * w), rgb2b(6 * w),
           greyb(2 * w);
       uint8_t *y = by.data(), *uv = buv.data(), *u = bu.data(), *v = bv.data(), *rgb = rgbb.data(),
