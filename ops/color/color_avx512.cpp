@@ -1,9 +1,15 @@
-// 512-bit rows of the colour conversions (need AVX-512 F, BW and VBMI). RGB -> YUV 4:2:0 and
-// RGB -> grey: 16 pixels per step; one byte permute with a zeroing mask takes a channel of 16
-// packed pixels straight into the low bytes of 16 int32 lanes, so the arithmetic is the scalar
-// one in 32-bit lanes and the bytes are identical. YUV 4:2:0 -> RGB: 64 pixels of a row pair
-// per step, lanes holding 2x2 blocks (see below). Loads stay inside the row (masked near its
-// end) and stores write only the row. Built with -mavx512f -mavx512bw -mavx512vbmi, outside LTO.
+// 512-bit rows of the colour conversions (need AVX-512 F, BW and VBMI), built with
+// -mavx512f -mavx512bw -mavx512vbmi outside LTO. The arithmetic is the scalar one in 32-bit
+// lanes, so the bytes are identical; byte permutes move pixels into lanes and back.
+//
+// Narrowing: a sum s whose result is s >> 20 lies in (-2^29, 2^30) (color_kernels.h), so its
+// high word h = s >> 16 fits int16 and s >> 20 = h >> 4. Two registers of sums share one
+// register of words: the first one's high words shifted down, the second one's left in place
+// (a word blend). A multiply-high by 2^12 takes h >> 4 in every word, packus clamps the words
+// of two such registers to 64 bytes, and a byte permute puts the bytes in their stored order.
+// This keeps the shift and shuffle units, which bound these rows, to a few operations a step.
+//
+// Loads stay inside the row (masked near its end) and stores write only the row.
 #include <immintrin.h>
 
 #include <array>
@@ -17,19 +23,171 @@ namespace {
 constexpr __mmask64 kPixels16 = (uint64_t{1} << 48) - 1;  // the 48 bytes of 16 pixels
 constexpr __mmask64 kLowBytes = 0x1111111111111111;       // byte 0 of each int32 lane
 
+struct Bytes64 {
+  alignas(64) uint8_t b[64];
+};
+inline __m512i load_table(const Bytes64& t) { return _mm512_load_si512(t.b); }
+
 // Byte indices that put byte `source(lane)` into byte 0 of each int32 lane (the other bytes
 // of each lane are 0, and masked to zero by the permutes).
 template <class Source>
-__m512i lane_index(Source source) {
-  alignas(64) std::array<uint8_t, 64> index{};
-  for (int lane = 0; lane < 16; ++lane) index[4 * lane] = static_cast<uint8_t>(source(lane));
-  return _mm512_load_si512(index.data());
+constexpr Bytes64 lane_table(Source source) {
+  Bytes64 t{};
+  for (int lane = 0; lane < 16; ++lane) t.b[4 * lane] = static_cast<uint8_t>(source(lane));
+  return t;
 }
 
-// Byte `channel` of packed pixel `step * (lane % period)` into lane `lane`.
-__m512i channel_index(int channel, int step, int period) {
-  return lane_index([=](int lane) { return 3 * step * (lane % period) + channel; });
+// Where packus(words(a0, a1), words(b0, b1)) puts lane k of register r (a0, a1, b0, b1 as
+// 0..3): words(x, y) holds lane k of x in word 2k and of y in word 2k + 1, and packus takes
+// words 8L..8L+7 of its first operand to bytes 16L..16L+7, those of its second to 16L+8.. .
+constexpr int packed_at(int r, int k) {
+  const int word = 2 * k + r % 2;
+  return 16 * (word / 8) + word % 8 + 8 * (r / 2);
 }
+
+// The high words of a and b in one register, each taken >> 4: (s >> 16) >> 4 = s >> 20.
+inline __m512i high_words_shifted(__m512i a, __m512i b) {
+  const __m512i words = _mm512_mask_blend_epi16(0xAAAAAAAA, _mm512_srli_epi32(a, 16), b);
+  return _mm512_mulhi_epi16(words, _mm512_set1_epi16(1 << 12));
+}
+// Four registers of sums -> 64 clamped bytes (s >> 20), lane k of register r at packed_at(r, k).
+inline __m512i narrow_sums(__m512i s0, __m512i s1, __m512i s2, __m512i s3) {
+  return _mm512_packus_epi16(high_words_shifted(s0, s1), high_words_shifted(s2, s3));
+}
+
+// (r * cr + g * cg) + (b * cb + offset), per lane.
+inline __m512i weigh(__m512i r, __m512i g, __m512i b, __m512i cr, __m512i cg, __m512i cb,
+                     __m512i offset) {
+  const __m512i rg = _mm512_add_epi32(_mm512_mullo_epi32(r, cr), _mm512_mullo_epi32(g, cg));
+  return _mm512_add_epi32(rg, _mm512_add_epi32(_mm512_mullo_epi32(b, cb), offset));
+}
+
+// ---- RGB24 / BGR24 -> YUV 4:2:0, 64 pixels a step ----
+// The 192 bytes of 64 pixels come in three registers. Lane k of luma register j (0..3) takes
+// pixel 16 j + k, lane k of chroma register j (0, 1) the top-left pixel of block 16 j + k, each
+// channel with one two-register byte permute (registers j / 2 and j / 2 + 1 for luma, j and
+// j + 1 for chroma).
+
+// Byte `channel` (0 R, 1 G, 2 B) of pixel `step * (16 j + k)` into lane k, from the register
+// pair that holds it.
+constexpr Bytes64 pixel_table(int j, int channel, int step, bool bgr) {
+  const int pair_start = 64 * (step == 1 ? j / 2 : j);
+  return lane_table(
+      [=](int k) { return 3 * step * (16 * j + k) + (bgr ? 2 - channel : channel) - pair_start; });
+}
+struct PixelTables {
+  Bytes64 t[4][3];
+};
+constexpr PixelTables pixel_tables(int step, bool bgr) {
+  PixelTables p{};
+  for (int j = 0; j < (step == 1 ? 4 : 2); ++j) {
+    for (int c = 0; c < 3; ++c) p.t[j][c] = pixel_table(j, c, step, bgr);
+  }
+  return p;
+}
+template <bool kBgr>
+constexpr PixelTables kLumaPixels = pixel_tables(1, kBgr);
+template <bool kBgr>
+constexpr PixelTables kChromaPixels = pixel_tables(2, kBgr);
+
+// Stored orders: 64 luma bytes; 32 U,V pairs (or V,U pairs); 32 U bytes then 32 V bytes.
+enum class ChromaOrder { kUv, kVu, kPlanar };
+constexpr Bytes64 luma_order() {
+  Bytes64 t{};
+  for (int p = 0; p < 64; ++p) t.b[p] = static_cast<uint8_t>(packed_at(p / 16, p % 16));
+  return t;
+}
+constexpr Bytes64 chroma_order(ChromaOrder order) {
+  Bytes64 t{};
+  for (int b = 0; b < 32; ++b) {
+    const auto u = static_cast<uint8_t>(packed_at(b / 16, b % 16));
+    const auto v = static_cast<uint8_t>(packed_at(2 + b / 16, b % 16));
+    if (order == ChromaOrder::kPlanar) {
+      t.b[b] = u;
+      t.b[32 + b] = v;
+    } else {
+      t.b[2 * b] = order == ChromaOrder::kUv ? u : v;
+      t.b[2 * b + 1] = order == ChromaOrder::kUv ? v : u;
+    }
+  }
+  return t;
+}
+constexpr Bytes64 kLumaOrder = luma_order();
+constexpr Bytes64 kChromaOrder[3] = {chroma_order(ChromaOrder::kUv), chroma_order(ChromaOrder::kVu),
+                                     chroma_order(ChromaOrder::kPlanar)};
+
+struct Pixels64 {
+  __m512i in[3];
+  explicit Pixels64(const uint8_t* p)
+      : in{_mm512_loadu_si512(p), _mm512_loadu_si512(p + 64), _mm512_loadu_si512(p + 128)} {}
+  // Channel c of the lanes of `tables` row j, from registers first and first + 1.
+  __m512i take(const PixelTables& tables, int j, int c, int first) const {
+    return _mm512_maskz_permutex2var_epi8(kLowBytes, in[first], load_table(tables.t[j][c]),
+                                          in[first + 1]);
+  }
+};
+
+template <bool kBgr>
+inline void luma64(const Pixels64& px, uint8_t* y) {
+  const __m512i cr = _mm512_set1_epi32(kRToY), cg = _mm512_set1_epi32(kGToY);
+  const __m512i cb = _mm512_set1_epi32(kBToY), offset = _mm512_set1_epi32(kYOffset);
+  const PixelTables& t = kLumaPixels<kBgr>;
+  __m512i s[4];
+  for (int j = 0; j < 4; ++j) {
+    s[j] = weigh(px.take(t, j, 0, j / 2), px.take(t, j, 1, j / 2), px.take(t, j, 2, j / 2), cr, cg,
+                 cb, offset);
+  }
+  const __m512i bytes = narrow_sums(s[0], s[1], s[2], s[3]);
+  _mm512_storeu_si512(y, _mm512_permutexvar_epi8(load_table(kLumaOrder), bytes));
+}
+
+template <bool kBgr>
+int rgb_to_luma_row64(const uint8_t* rgb, uint8_t* y, int width) {
+  const int blocks = width & ~63;
+  for (int x = 0; x < blocks; x += 64) luma64<kBgr>(Pixels64(rgb + 3 * x), y + x);
+  return blocks;
+}
+
+template <bool kBgr>
+int rgb_to_luma_chroma_row64(const uint8_t* rgb, uint8_t* y, uint8_t* u, uint8_t* v, int step,
+                             int width) {
+  const __m512i ur = _mm512_set1_epi32(kRToU), ug = _mm512_set1_epi32(kGToU);
+  const __m512i ub = _mm512_set1_epi32(kBToU), vr = _mm512_set1_epi32(kRToV);
+  const __m512i vg = _mm512_set1_epi32(kGToV), vb = _mm512_set1_epi32(kBToV);
+  const __m512i offset = _mm512_set1_epi32(kChromaOffset);
+  const ChromaOrder order =
+      step == 1 ? ChromaOrder::kPlanar : (u < v ? ChromaOrder::kUv : ChromaOrder::kVu);
+  const __m512i stored = load_table(kChromaOrder[static_cast<int>(order)]);
+  const PixelTables& t = kChromaPixels<kBgr>;
+  const int blocks = width & ~63;
+  for (int x = 0; x < blocks; x += 64) {
+    const Pixels64 px(rgb + 3 * x);
+    luma64<kBgr>(px, y + x);
+    __m512i su[2], sv[2];
+    for (int j = 0; j < 2; ++j) {
+      const __m512i r = px.take(t, j, 0, j), g = px.take(t, j, 1, j), b = px.take(t, j, 2, j);
+      su[j] = weigh(r, g, b, ur, ug, ub, offset);
+      sv[j] = weigh(r, g, b, vr, vg, vb, offset);
+    }
+    const __m512i bytes = _mm512_permutexvar_epi8(stored, narrow_sums(su[0], su[1], sv[0], sv[1]));
+    if (order == ChromaOrder::kPlanar) {
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(u + x / 2), _mm512_castsi512_si256(bytes));
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(v + x / 2),
+                          _mm512_extracti64x4_epi64(bytes, 1));
+    } else {
+      _mm512_storeu_si512((u < v ? u : v) + x, bytes);
+    }
+  }
+  return blocks;
+}
+
+// ---- RGB24 / BGR24 -> grey, 16 pixels a step ----
+
+// Byte `channel` of pixel `lane` into lane `lane`.
+constexpr Bytes64 grey_table(int channel) {
+  return lane_table([=](int lane) { return 3 * lane + channel; });
+}
+constexpr Bytes64 kGreyPick[3] = {grey_table(0), grey_table(1), grey_table(2)};
 
 // The 16 pixels at `rgb`: a whole 64-byte load while it stays inside the row's `width - x`
 // pixels, else a load masked to the 48 bytes (masked loads are slower on some processors).
@@ -38,61 +196,22 @@ inline __m512i load_pixels16(const uint8_t* rgb, int x, int width) {
   return x + 22 <= width ? _mm512_loadu_si512(p) : _mm512_maskz_loadu_epi8(kPixels16, p);
 }
 
-struct Channels {
-  __m512i r, g, b;
-};
-
-// R, G and B of 16 pixels (blue first in memory when `bgr`).
-Channels channel_indices(bool bgr, int step, int period) {
-  return {channel_index(bgr ? 2 : 0, step, period), channel_index(1, step, period),
-          channel_index(bgr ? 0 : 2, step, period)};
-}
-
-inline __m512i take(const Channels& k, __m512i pixels, __m512i Channels::*c) {
-  return _mm512_maskz_permutexvar_epi8(kLowBytes, k.*c, pixels);
-}
-
-// (r * cr + g * cg) + (b * cb + offset) >> 20, per lane.
-inline __m512i weigh(__m512i r, __m512i g, __m512i b, __m512i cr, __m512i cg, __m512i cb,
-                     __m512i offset) {
-  const __m512i rg = _mm512_add_epi32(_mm512_mullo_epi32(r, cr), _mm512_mullo_epi32(g, cg));
-  const __m512i bo = _mm512_add_epi32(_mm512_mullo_epi32(b, cb), offset);
-  return _mm512_srai_epi32(_mm512_add_epi32(rg, bo), kYuvShift);
-}
-
-struct LumaRow {
-  Channels index;
-  __m512i r = _mm512_set1_epi32(kRToY), g = _mm512_set1_epi32(kGToY);
-  __m512i b = _mm512_set1_epi32(kBToY), offset = _mm512_set1_epi32(kYOffset);
-  explicit LumaRow(bool bgr) : index(channel_indices(bgr, 1, 16)) {}
-
-  void run(__m512i pixels, uint8_t* y) const {
-    const __m512i luma = weigh(take(index, pixels, &Channels::r), take(index, pixels, &Channels::g),
-                               take(index, pixels, &Channels::b), r, g, b, offset);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(y), _mm512_cvtepi32_epi8(luma));
-  }
-};
-
-// ---- YUV 4:2:0 -> RGB24 / BGR24 ----
-// A register holds 16 blocks of a row: the even pixels of the blocks in one register, the odd
-// pixels in another, so a block's chroma terms (one lane) meet its pixels without being
-// duplicated. Each sum s = luma + term is an int32 in (-2^29, 2^30) (color_kernels.h), so its
-// high word h = s >> 16 fits int16 and s >> 20 = h >> 4. Two sums share one int32 lane as two
-// words: the first one's high word is shifted down, the second one's stays in place. A
-// multiply-high by 2^12 takes h >> 4 in each word, packus clamps the words to bytes, and one
-// two-register byte permute puts the 96 bytes of 32 pixels in their packed order.
-
-struct Bytes64 {
-  alignas(64) uint8_t b[64];
-};
-
-// Byte indices `source(lane)` into byte 0 of each int32 lane, as a constant table.
-template <class Source>
-constexpr Bytes64 lane_table(Source source) {
+// ---- grey -> RGB24, 64 pixels a step: output register i takes bytes 64 i .. 64 i + 63 of
+// the three copies of each grey byte ----
+constexpr Bytes64 replicate_table(int i) {
   Bytes64 t{};
-  for (int lane = 0; lane < 16; ++lane) t.b[4 * lane] = static_cast<uint8_t>(source(lane));
+  for (int j = 0; j < 64; ++j) t.b[j] = static_cast<uint8_t>((64 * i + j) / 3);
   return t;
 }
+constexpr Bytes64 kReplicate[3] = {replicate_table(0), replicate_table(1), replicate_table(2)};
+
+// ---- YUV 4:2:0 -> RGB24 / BGR24, 64 pixels of a row pair a step ----
+// A register holds 16 blocks of a row: the even pixels of the blocks in one register, the odd
+// pixels in another, so a block's chroma terms (one lane) meet its pixels without being
+// duplicated. Six registers of sums narrow to three of words: (first channel, second) of the
+// even pixels, (third, first) of the even and odd pixels, (second, third) of the odd ones.
+// P1 = packus(words 0, words 1) and P2 = packus(words 2, words 2) hold the 96 bytes of 32
+// pixels, and one two-register byte permute puts them in their packed order.
 
 // Luma of 64 pixels: the even (parity 0) or odd pixels of blocks 16 h .. 16 h + 15.
 constexpr Bytes64 luma_table(int h, int parity) {
@@ -121,15 +240,12 @@ constexpr Bytes64 kChromaPick[2][2] = {
     {chroma_table(kChroma, 0, false), chroma_table(kChroma, 0, true)},
     {chroma_table(kChroma, 1, false), chroma_table(kChroma, 1, true)}};
 
-// The word pairs: (first channel, second) of the even pixels, (third, first) of the even and
-// odd pixels, (second, third) of the odd ones; pair w packs into bytes 0-7 (w = 0, 2) or 8-15
-// (w = 1) of each 16-byte lane of P1 = packus(pair 0, pair 1) and P2 = packus(pair 2, pair 2).
 // Output byte j is channel j % 3 of pixel j / 3: its source byte in P1 (0..63) or P2 (64..127).
 constexpr uint8_t packed_source(int j) {
-  const int pixel = j / 3, channel = j % 3, block = pixel / 2, parity = pixel % 2;
-  const int q = 3 * parity + channel, pair = q / 2, word = 2 * block + q % 2;
-  const int byte = 16 * (word / 8) + word % 8;
-  return static_cast<uint8_t>(pair == 0 ? byte : (pair == 1 ? byte + 8 : 64 + byte));
+  const int pixel = j / 3, block = pixel / 2;
+  const int q = 3 * (pixel % 2) + j % 3;  // the order of the word pairs above
+  const int words = q / 2, r = q % 2 + (words == 1 ? 2 : 0);
+  return static_cast<uint8_t>(packed_at(r, block) + (words == 2 ? 64 : 0));
 }
 constexpr Bytes64 output_table(int first) {
   Bytes64 t{};
@@ -137,14 +253,6 @@ constexpr Bytes64 output_table(int first) {
   return t;
 }
 constexpr Bytes64 kOutputPick[2] = {output_table(0), output_table(64)};
-
-inline __m512i load_table(const Bytes64& t) { return _mm512_load_si512(t.b); }
-
-// The high words of a and b in one register, each taken >> 4: (s >> 16) >> 4 = s >> 20.
-inline __m512i high_words_shifted(__m512i a, __m512i b, __m512i two_pow_12) {
-  const __m512i words = _mm512_mask_blend_epi16(0xAAAAAAAA, _mm512_srli_epi32(a, 16), b);
-  return _mm512_mulhi_epi16(words, two_pow_12);
-}
 
 template <Chroma kChroma, bool kBgr>
 int yuv_to_rgb_rows64(const YuvRowPair& rows, int width) {
@@ -155,7 +263,6 @@ int yuv_to_rgb_rows64(const YuvRowPair& rows, int width) {
   const __m512i bias_g = _mm512_set1_epi32(kHalf - 128 * (kVToG + kUToG));
   const __m512i bias_b = _mm512_set1_epi32(kHalf - 128 * kUToB);
   const __m512i gain = _mm512_set1_epi32(kLumaGain), sixteen = _mm512_set1_epi8(16);
-  const __m512i two_pow_12 = _mm512_set1_epi16(1 << 12);
   const __m512i out0 = load_table(kOutputPick[0]), out1 = load_table(kOutputPick[1]);
   const int blocks = width & ~63;
   for (int x = 0; x < blocks; x += 64) {
@@ -194,9 +301,8 @@ int yuv_to_rgb_rows64(const YuvRowPair& rows, int width) {
           second[parity] = _mm512_add_epi32(luma, g0[h]);
           third[parity] = kBgr ? r : b;
         }
-        const __m512i p1 = _mm512_packus_epi16(high_words_shifted(first[0], second[0], two_pow_12),
-                                               high_words_shifted(third[0], first[1], two_pow_12));
-        const __m512i w2 = high_words_shifted(second[1], third[1], two_pow_12);
+        const __m512i p1 = narrow_sums(first[0], second[0], third[0], first[1]);
+        const __m512i w2 = high_words_shifted(second[1], third[1]);
         const __m512i p2 = _mm512_packus_epi16(w2, w2);
         _mm512_storeu_si512(out + 96 * h, _mm512_permutex2var_epi8(p1, out0, p2));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 96 * h + 64),
@@ -216,52 +322,21 @@ int yuv_to_rgb_rows64_for(const YuvRowPair& rows, int width, bool bgr) {
 }  // namespace
 
 int rgb_to_luma_row_avx512(const uint8_t* rgb, uint8_t* y, int width, bool bgr) {
-  const LumaRow luma(bgr);
-  const int blocks = width & ~15;
-  for (int x = 0; x < blocks; x += 16) {
-    luma.run(load_pixels16(rgb, x, width), y + x);
-  }
-  return blocks;
+  return bgr ? rgb_to_luma_row64<true>(rgb, y, width) : rgb_to_luma_row64<false>(rgb, y, width);
 }
 
 int rgb_to_luma_chroma_row_avx512(const uint8_t* rgb, uint8_t* y, uint8_t* u, uint8_t* v, int step,
                                   int width, bool bgr) {
-  const LumaRow luma(bgr);
-  // The 8 blocks of 16 pixels: lanes 0-7 take the top-left pixels (0, 2, ..., 14) for U,
-  // lanes 8-15 the same pixels again for V.
-  const Channels index = channel_indices(bgr, 2, 8);
-  auto pair = [](int32_t for_u, int32_t for_v) {
-    return _mm512_mask_set1_epi32(_mm512_set1_epi32(for_u), 0xff00, for_v);
-  };
-  const __m512i cr = pair(kRToU, kRToV), cg = pair(kGToU, kGToV), cb = pair(kBToU, kBToV);
-  const __m512i offset = _mm512_set1_epi32(kChromaOffset);
-  // U0..U7 V0..V7 -> the stored order: U,V pairs or V,U pairs (planar outputs store halves).
-  const __m128i order = u < v ? _mm_setr_epi8(0, 8, 1, 9, 2, 10, 3, 11, 4, 12, 5, 13, 6, 14, 7, 15)
-                              : _mm_setr_epi8(8, 0, 9, 1, 10, 2, 11, 3, 12, 4, 13, 5, 14, 6, 15, 7);
-  const int blocks = width & ~15;
-  for (int x = 0; x < blocks; x += 16) {
-    const __m512i pixels = load_pixels16(rgb, x, width);
-    luma.run(pixels, y + x);
-    const __m512i uv = weigh(take(index, pixels, &Channels::r), take(index, pixels, &Channels::g),
-                             take(index, pixels, &Channels::b), cr, cg, cb, offset);
-    const __m128i bytes = _mm512_cvtepi32_epi8(uv);
-    if (step == 1) {
-      _mm_storel_epi64(reinterpret_cast<__m128i*>(u + x / 2), bytes);
-      _mm_storel_epi64(reinterpret_cast<__m128i*>(v + x / 2), _mm_unpackhi_epi64(bytes, bytes));
-    } else {
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(u < v ? u + x : v + x),
-                       _mm_shuffle_epi8(bytes, order));
-    }
-  }
-  return blocks;
+  return bgr ? rgb_to_luma_chroma_row64<true>(rgb, y, u, v, step, width)
+             : rgb_to_luma_chroma_row64<false>(rgb, y, u, v, step, width);
 }
 
 int rgb_to_grey_row_avx512(const uint8_t* rgb, uint8_t* grey, int width, bool bgr) {
   // Bytes 0 and 1 of each pixel as the int16 pair of its lane, byte 2 alone: one multiply-add
   // each.
   const __m512i index01 =
-      _mm512_or_si512(channel_index(0, 1, 16), _mm512_slli_epi32(channel_index(1, 1, 16), 16));
-  const __m512i index2 = channel_index(2, 1, 16);
+      _mm512_or_si512(load_table(kGreyPick[0]), _mm512_slli_epi32(load_table(kGreyPick[1]), 16));
+  const __m512i index2 = load_table(kGreyPick[2]);
   constexpr __mmask64 kWordLowBytes = 0x5555555555555555;
   const GreyPairWeights w = grey_pair_weights(bgr);
   const __m512i weights01 = _mm512_set1_epi32(w.first), weights2 = _mm512_set1_epi32(w.last);
@@ -276,6 +351,20 @@ int rgb_to_grey_row_avx512(const uint8_t* rgb, uint8_t* grey, int width, bool bg
     const __m512i sum =
         _mm512_srai_epi32(_mm512_add_epi32(_mm512_add_epi32(s01, s2), half), kGreyShift);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(grey + x), _mm512_cvtepi32_epi8(sum));
+  }
+  return blocks;
+}
+
+int grey_to_rgb_row_avx512(const uint8_t* grey, uint8_t* rgb, int width) {
+  const __m512i m0 = load_table(kReplicate[0]), m1 = load_table(kReplicate[1]);
+  const __m512i m2 = load_table(kReplicate[2]);
+  const int blocks = width & ~63;
+  for (int x = 0; x < blocks; x += 64) {
+    const __m512i g = _mm512_loadu_si512(grey + x);
+    uint8_t* out = rgb + 3 * x;
+    _mm512_storeu_si512(out, _mm512_permutexvar_epi8(m0, g));
+    _mm512_storeu_si512(out + 64, _mm512_permutexvar_epi8(m1, g));
+    _mm512_storeu_si512(out + 128, _mm512_permutexvar_epi8(m2, g));
   }
   return blocks;
 }

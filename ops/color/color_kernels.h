@@ -145,6 +145,7 @@ int swap_rb_row_avx2(const uint8_t* src, uint8_t* dst, int width);
 
 void grey_to_rgb_row_c(const uint8_t* grey, uint8_t* rgb, int x0, int width);
 int grey_to_rgb_row_avx2(const uint8_t* grey, uint8_t* rgb, int width);
+int grey_to_rgb_row_avx512(const uint8_t* grey, uint8_t* rgb, int width);
 
 // Swaps the two bytes of each of `pairs` chroma pairs.
 void swap_pairs_row_c(const uint8_t* src, uint8_t* dst, int p0, int pairs);

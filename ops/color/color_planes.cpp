@@ -70,20 +70,28 @@ void yuv420_to_rgb(Chroma chroma, const uint8_t* y, int32_t y_stride, const uint
 void rgb_to_yuv420(const uint8_t* rgb, int32_t rgb_stride, bool bgr, uint8_t* y, int32_t y_stride,
                    const ChromaPlanes& chroma, int32_t width, int32_t height) {
   const bool avx512 = use_avx512(), avx2 = use_avx2();
-  const auto luma_chroma_row = avx512 ? rgb_to_luma_chroma_row_avx512 : rgb_to_luma_chroma_row_avx2;
-  const auto luma_row = avx512 ? rgb_to_luma_row_avx512 : rgb_to_luma_row_avx2;
   const int32_t blocks = width / 2;
   for (int32_t r = 0; r < height; ++r) {
     const uint8_t* src = row(rgb, rgb_stride, r);
     uint8_t* luma = row(y, y_stride, r);
+    // The 512-bit rows do 64-pixel blocks, the 256-bit rows what they can of the rest, the
+    // scalar rows the tail.
+    int done = 0;
     if (r % 2 == 0 && r + 1 < height) {
       uint8_t* u = row(chroma.u, chroma.u_stride, r / 2);
       uint8_t* v = row(chroma.v, chroma.v_stride, r / 2);
-      const int done = avx2 ? luma_chroma_row(src, luma, u, v, chroma.step, width, bgr) : 0;
+      const auto vector_row = [&](auto row_kernel) {
+        const int32_t c = done / 2 * chroma.step;
+        done +=
+            row_kernel(src + 3 * done, luma + done, u + c, v + c, chroma.step, width - done, bgr);
+      };
+      if (avx512) vector_row(rgb_to_luma_chroma_row_avx512);
+      if (avx2) vector_row(rgb_to_luma_chroma_row_avx2);
       rgb_to_luma_row_c(src, luma, done, width, bgr);
       rgb_to_chroma_row_c(src, u, v, chroma.step, done / 2, blocks, bgr);
     } else {
-      const int done = avx2 ? luma_row(src, luma, width, bgr) : 0;
+      if (avx512) done = rgb_to_luma_row_avx512(src, luma, width, bgr);
+      if (avx2) done += rgb_to_luma_row_avx2(src + 3 * done, luma + done, width - done, bgr);
       rgb_to_luma_row_c(src, luma, done, width, bgr);
     }
   }
@@ -110,7 +118,12 @@ void swap_rb(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_s
 
 void grey_to_rgb(const uint8_t* grey, int32_t grey_stride, uint8_t* rgb, int32_t rgb_stride,
                  int32_t width, int32_t height) {
-  pixel_rows(grey, grey_stride, 1, rgb, rgb_stride, 3, width, height, grey_to_rgb_row_avx2,
+  // The 512-bit row does 64-pixel blocks, the 256-bit row what it can of the rest.
+  const auto vector_row = [avx512 = use_avx512()](const uint8_t* s, uint8_t* d, int n) {
+    const int done = avx512 ? grey_to_rgb_row_avx512(s, d, n) : 0;
+    return done + grey_to_rgb_row_avx2(s + done, d + 3 * done, n - done);
+  };
+  pixel_rows(grey, grey_stride, 1, rgb, rgb_stride, 3, width, height, vector_row,
              grey_to_rgb_row_c);
 }
 
