@@ -432,4 +432,32 @@ int swap_pairs_row_avx2(const uint8_t* src, uint8_t* dst, int pairs) {
   return blocks;
 }
 
+int grey16_map_row_avx2(const Grey16Bounds& b, const uint8_t* src, uint8_t* dst, int width) {
+  // The scalar mapping on 8 samples a step: the same double products, truncated; then the
+  // samples outside [low, high] replaced by 0 and 255.
+  const __m256i low = _mm256_set1_epi32(b.low), high = _mm256_set1_epi32(b.high);
+  const __m256d scale = _mm256_set1_pd(b.scale);
+  const __m256i full = _mm256_set1_epi32(255);
+  const int blocks = width & ~7;
+  for (int x = 0; x < blocks; x += 8) {
+    const __m256i v =
+        _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 2 * x)));
+    const __m256i d = _mm256_sub_epi32(v, low);
+    const __m128i lo =
+        _mm256_cvttpd_epi32(_mm256_mul_pd(_mm256_cvtepi32_pd(_mm256_castsi256_si128(d)), scale));
+    const __m128i hi = _mm256_cvttpd_epi32(
+        _mm256_mul_pd(_mm256_cvtepi32_pd(_mm256_extracti128_si256(d, 1)), scale));
+    __m256i out = _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
+    out = _mm256_blendv_epi8(out, full, _mm256_cmpgt_epi32(v, high));
+    out = _mm256_andnot_si256(_mm256_cmpgt_epi32(low, v), out);
+    // Entries are 0..255 here: packs then packus keep them, lane by lane.
+    const __m256i w = _mm256_packs_epi32(out, out);
+    const __m256i bytes = _mm256_packus_epi16(w, w);
+    const __m128i eight =
+        _mm_unpacklo_epi32(_mm256_castsi256_si128(bytes), _mm256_extracti128_si256(bytes, 1));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(dst + x), eight);
+  }
+  return blocks;
+}
+
 }  // namespace zarvel::aux::color

@@ -1,5 +1,7 @@
 // Scalar rows of the colour conversions: the reference arithmetic, and the tails of the
 // vector rows.
+#include <cstring>
+
 #include "ops/color/color_kernels.h"
 
 namespace zarvel::aux::color {
@@ -95,6 +97,14 @@ void swap_pairs_row_c(const uint8_t* src, uint8_t* dst, int p0, int pairs) {
     const uint8_t a = src[2 * p], b = src[2 * p + 1];
     dst[2 * p] = b;
     dst[2 * p + 1] = a;
+  }
+}
+
+void grey16_map_row_c(const Grey16Bounds& b, const uint8_t* src, uint8_t* dst, int x0, int width) {
+  for (int x = x0; x < width; ++x) {
+    uint16_t v;
+    std::memcpy(&v, src + 2 * x, sizeof v);
+    dst[x] = grey16_map(b, v);
   }
 }
 

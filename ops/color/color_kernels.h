@@ -147,6 +147,22 @@ void grey_to_rgb_row_c(const uint8_t* grey, uint8_t* rgb, int x0, int width);
 int grey_to_rgb_row_avx2(const uint8_t* grey, uint8_t* rgb, int width);
 int grey_to_rgb_row_avx512(const uint8_t* grey, uint8_t* rgb, int width);
 
+// ---- GREY16 -> GREY ----
+// A sample i maps to 0 below `low`, to 255 above `high`, and to (i - low) * scale (double,
+// truncated) from low to high. No sample maps anywhere else when low = 65536.
+struct Grey16Bounds {
+  int32_t low, high;
+  double scale;
+};
+inline uint8_t grey16_map(const Grey16Bounds& b, uint16_t i) {
+  if (i < b.low) return 0;
+  if (i > b.high) return 255;
+  return static_cast<uint8_t>(static_cast<int32_t>(static_cast<double>(i - b.low) * b.scale));
+}
+// Samples [x0, width) of a row; the samples may be unaligned.
+void grey16_map_row_c(const Grey16Bounds& b, const uint8_t* src, uint8_t* dst, int x0, int width);
+int grey16_map_row_avx2(const Grey16Bounds& b, const uint8_t* src, uint8_t* dst, int width);
+
 // Swaps the two bytes of each of `pairs` chroma pairs.
 void swap_pairs_row_c(const uint8_t* src, uint8_t* dst, int p0, int pairs);
 int swap_pairs_row_avx2(const uint8_t* src, uint8_t* dst, int pairs);

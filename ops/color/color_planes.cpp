@@ -182,7 +182,7 @@ void split_chroma(const uint8_t* src, int32_t src_stride, uint8_t* first, int32_
   }
 }
 
-void grey16_stretch_table(const uint32_t* hist, int32_t width, int32_t height, uint8_t* table) {
+Grey16Bounds grey16_bounds(const uint32_t* hist, int32_t width, int32_t height) {
   // The thresholds and running sums are 16-bit and wrap, and counters enter the sums through
   // their low 16 bits: the bounds of large images depend on this, so it stays exactly so.
   const auto threshold = static_cast<uint16_t>(
@@ -209,23 +209,10 @@ void grey16_stretch_table(const uint32_t* hist, int32_t width, int32_t height, u
     above = static_cast<uint16_t>(above + static_cast<uint16_t>(hist[high]));
   }
 
-  if (high == low) {
-    // A single-valued range has no scale (255 / 0): the whole output is black.
-    std::memset(table, 0, 65536);
-    return;
-  }
-  const double scale = 255.0 / static_cast<double>(high - low);
-  for (int32_t i = 0; i < 65536; ++i) {
-    int32_t entry;
-    if (i < low) {
-      entry = 0;
-    } else if (i > high) {
-      entry = 255;
-    } else {
-      entry = hist[i] != 0 ? static_cast<int32_t>(static_cast<double>(i - low) * scale) : 0;
-    }
-    table[i] = static_cast<uint8_t>(entry);
-  }
+  // A single-valued range has no scale (255 / 0): the whole output is black, as when every
+  // sample lies below the low bound.
+  if (high == low) return {65536, 65535, 0.0};
+  return {low, high, 255.0 / static_cast<double>(high - low)};
 }
 
 void grey16_stretch(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
@@ -233,23 +220,24 @@ void grey16_stretch(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_
   // Rows step by stride / 2 whole samples. Samples are read with memcpy: a GREY16 plane may
   // start at an odd address.
   const int32_t step = src_stride / 2 * 2;
-  const auto sample = [](const uint8_t* p) {
-    uint16_t v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-  };
   uint32_t hist[65536];
-  uint8_t table[65536];
   std::memset(hist, 0, sizeof hist);
   for (int32_t r = 0; r < height; ++r) {
     const uint8_t* s = row(src, step, r);
-    for (int32_t x = 0; x < width; ++x) ++hist[sample(s + 2 * x)];
+    for (int32_t x = 0; x < width; ++x) {
+      uint16_t v;
+      std::memcpy(&v, s + 2 * x, sizeof v);
+      ++hist[v];
+    }
   }
-  grey16_stretch_table(hist, width, height, table);
+  // Only samples that occur are mapped, and their bins are not empty: the mapping is the
+  // formula alone, no table.
+  const Grey16Bounds bounds = grey16_bounds(hist, width, height);
+  const bool avx2 = use_avx2();
   for (int32_t r = 0; r < height; ++r) {
     const uint8_t* s = row(src, step, r);
     uint8_t* d = row(dst, dst_stride, r);
-    for (int32_t x = 0; x < width; ++x) d[x] = table[sample(s + 2 * x)];
+    grey16_map_row_c(bounds, s, d, avx2 ? grey16_map_row_avx2(bounds, s, d, width) : 0, width);
   }
 }
 

@@ -55,7 +55,7 @@ void split_chroma(const uint8_t* src, int32_t src_stride, uint8_t* first, int32_
 // in bytes.
 void grey16_stretch(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
                     int32_t width, int32_t height);
-// The 65536-entry lookup table of the stretch, from a histogram (exposed for tests).
-void grey16_stretch_table(const uint32_t* hist, int32_t width, int32_t height, uint8_t* table);
+// The bounds of the stretch from its 65536-bin histogram (exposed for tests).
+Grey16Bounds grey16_bounds(const uint32_t* hist, int32_t width, int32_t height);
 
 }  // namespace zarvel::aux::color

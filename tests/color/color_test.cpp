@@ -148,7 +148,8 @@ TEST(ColorKernels, YuvToRgbForEveryTriple) {
 
 // The plane loops from a packed source of w x h pixels with rows padded by `pad`, the first
 // five with formulas: grey from RGB and from BGR; RGB -> NV12, BGR -> NV21 and RGB -> YU12,
-// the chroma planes after the luma plane; then R/B swap, grey -> RGB and the chroma pair swap.
+// the chroma planes after the luma plane; then R/B swap, grey -> RGB, the chroma pair swap and
+// the 16-bit stretch (w samples a row).
 std::vector<Op> plane_ops(const uint8_t* src, int w, int h, int pad) {
   const int s3 = 3 * w + pad, ys = w + pad, cs = 2 * (w / 2) + pad, qs = w / 2 + pad;
   // U and V at these offsets after the luma plane, in rows of c_stride bytes.
@@ -165,7 +166,8 @@ std::vector<Op> plane_ops(const uint8_t* src, int w, int h, int pad) {
           yuv(false, 0, qs * (h / 2), qs, 1),
           [=](uint8_t* o) { zc::swap_rb(src, s3, o, s3, w, h); },
           [=](uint8_t* o) { zc::grey_to_rgb(src, ys, o, s3, w, h); },
-          [=](uint8_t* o) { zc::swap_pairs(src, 2 * w + pad, o, 2 * w + pad, w, h); }};
+          [=](uint8_t* o) { zc::swap_pairs(src, 2 * w + pad, o, 2 * w + pad, w, h); },
+          [=](uint8_t* o) { zc::grey16_stretch(src, s3, o, ys, w, h); }};
 }
 
 // For one R, a row of 65536 blocks (two equal pixels each) holds every (G, B), as pixels for
