@@ -45,14 +45,21 @@ constexpr int packed_at(int r, int k) {
   return 16 * (word / 8) + word % 8 + 8 * (r / 2);
 }
 
-// The high words of a and b in one register, each taken >> 4: (s >> 16) >> 4 = s >> 20.
+// The high words of a and b in one register, each taken >> 4: (s >> 16) >> 4 = s >> 20. On
+// processors that run 512-bit operations as two halves (Zen 4), byte permutes and multiplies
+// share one unit and shifts partly share it with the permutes: rows heavy in permutes take
+// the >> 4 as a multiply-high by 2^12, rows heavy in multiplies as a shift (the same floor).
+enum class Shift4 { kMultiply, kShift };
+template <Shift4 kHow>
 inline __m512i high_words_shifted(__m512i a, __m512i b) {
   const __m512i words = _mm512_mask_blend_epi16(0xAAAAAAAA, _mm512_srli_epi32(a, 16), b);
+  if constexpr (kHow == Shift4::kShift) return _mm512_srai_epi16(words, 4);
   return _mm512_mulhi_epi16(words, _mm512_set1_epi16(1 << 12));
 }
 // Four registers of sums -> 64 clamped bytes (s >> 20), lane k of register r at packed_at(r, k).
+template <Shift4 kHow>
 inline __m512i narrow_sums(__m512i s0, __m512i s1, __m512i s2, __m512i s3) {
-  return _mm512_packus_epi16(high_words_shifted(s0, s1), high_words_shifted(s2, s3));
+  return _mm512_packus_epi16(high_words_shifted<kHow>(s0, s1), high_words_shifted<kHow>(s2, s3));
 }
 
 // (r * cr + g * cg) + (b * cb + offset), per lane.
@@ -137,7 +144,7 @@ inline void luma64(const Pixels64& px, uint8_t* y) {
     s[j] = weigh(px.take(t, j, 0, j / 2), px.take(t, j, 1, j / 2), px.take(t, j, 2, j / 2), cr, cg,
                  cb, offset);
   }
-  const __m512i bytes = narrow_sums(s[0], s[1], s[2], s[3]);
+  const __m512i bytes = narrow_sums<Shift4::kMultiply>(s[0], s[1], s[2], s[3]);
   _mm512_storeu_si512(y, _mm512_permutexvar_epi8(load_table(kLumaOrder), bytes));
 }
 
@@ -169,7 +176,8 @@ int rgb_to_luma_chroma_row64(const uint8_t* rgb, uint8_t* y, uint8_t* u, uint8_t
       su[j] = weigh(r, g, b, ur, ug, ub, offset);
       sv[j] = weigh(r, g, b, vr, vg, vb, offset);
     }
-    const __m512i bytes = _mm512_permutexvar_epi8(stored, narrow_sums(su[0], su[1], sv[0], sv[1]));
+    const __m512i bytes =
+        _mm512_permutexvar_epi8(stored, narrow_sums<Shift4::kMultiply>(su[0], su[1], sv[0], sv[1]));
     if (order == ChromaOrder::kPlanar) {
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(u + x / 2), _mm512_castsi512_si256(bytes));
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(v + x / 2),
@@ -301,8 +309,8 @@ int yuv_to_rgb_rows64(const YuvRowPair& rows, int width) {
           second[parity] = _mm512_add_epi32(luma, g0[h]);
           third[parity] = kBgr ? r : b;
         }
-        const __m512i p1 = narrow_sums(first[0], second[0], third[0], first[1]);
-        const __m512i w2 = high_words_shifted(second[1], third[1]);
+        const __m512i p1 = narrow_sums<Shift4::kShift>(first[0], second[0], third[0], first[1]);
+        const __m512i w2 = high_words_shifted<Shift4::kShift>(second[1], third[1]);
         const __m512i p2 = _mm512_packus_epi16(w2, w2);
         _mm512_storeu_si512(out + 96 * h, _mm512_permutex2var_epi8(p1, out0, p2));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 96 * h + 64),
