@@ -317,8 +317,29 @@ void warp_rows(const WarpJob& j) {
                                       static_cast<intptr_t>(std::lround(ahead_x)) * C
                                 : 0;
   const intptr_t out_ahead = static_cast<intptr_t>(kPrefetchRows) * j.out_stride;
+  // Block coordinates of output row y, columns x .. x + 7.
+  const auto coordinates = [&](int32_t x, __m256 row_x, __m256 row_y, __m256 row_w, __m256& sx,
+                               __m256& sy, __m256i& ix, __m256i& iy) {
+    const __m256 xf = _mm256_add_ps(_mm256_set1_ps(static_cast<float>(x)), lane_x);
+    sx = _mm256_fmadd_ps(m0, xf, row_x);
+    sy = _mm256_fmadd_ps(m3, xf, row_y);
+    if constexpr (kPerspective) {
+      const __m256 inv_w = _mm256_rcp_ps(_mm256_fmadd_ps(m6, xf, row_w));
+      sx = _mm256_mul_ps(sx, inv_w);
+      sy = _mm256_mul_ps(sy, inv_w);
+    }
+    ix = _mm256_cvtps_epi32(sx);  // floor under the round-down mode
+    iy = _mm256_cvtps_epi32(sy);
+  };
   // The output is walked in column strips: a strip's rows read a narrow band of the input
   // that stays in cache, where whole rows of a rotated image would cross many input rows.
+  // Each strip row takes two passes: the coordinates, inside tests, neighbour offsets and
+  // weights of all its blocks first, then the loads and blends. The loads then find their
+  // offsets long written, instead of waiting on each block's chain from the coordinates
+  // through the offsets to the addresses.
+  alignas(32) int32_t offsets[kStripWidth];
+  PairWeights weights[kStripWidth / 8];
+  bool inside[kStripWidth / 8];
   for (int32_t x0 = 0; x0 < out_width; x0 += kStripWidth) {
     const int32_t x1 = out_width - x0 < kStripWidth ? out_width : x0 + kStripWidth;
     for (int32_t y = 0; y < out_height; ++y) {
@@ -329,33 +350,33 @@ void warp_rows(const WarpJob& j) {
       const __m256 row_w =
           kPerspective ? _mm256_fmadd_ps(_mm256_set1_ps(m[7]), yf, _mm256_set1_ps(m[8])) : one;
       for (int32_t x = x0; x < x1; x += 8) {
-        const __m256 xf = _mm256_add_ps(_mm256_set1_ps(static_cast<float>(x)), lane_x);
-        __m256 sx = _mm256_fmadd_ps(m0, xf, row_x);
-        __m256 sy = _mm256_fmadd_ps(m3, xf, row_y);
-        if constexpr (kPerspective) {
-          const __m256 inv_w = _mm256_rcp_ps(_mm256_fmadd_ps(m6, xf, row_w));
-          sx = _mm256_mul_ps(sx, inv_w);
-          sy = _mm256_mul_ps(sy, inv_w);
+        const int32_t b = (x - x0) / 8;
+        __m256 sx, sy;
+        __m256i ix, iy, top_left;
+        coordinates(x, row_x, row_y, row_w, sx, sy, ix, iy);
+        inside[b] = fast && out_width - x >= 8 && geometry.inside(ix, iy, top_left);
+        if (inside[b]) {
+          _mm256_store_si256(reinterpret_cast<__m256i*>(offsets + 8 * b), top_left);
+          weights[b] = fast_weights(sx, sy, ix, iy);
         }
-        const __m256i ix = _mm256_cvtps_epi32(sx);  // floor under the round-down mode
-        const __m256i iy = _mm256_cvtps_epi32(sy);
+      }
+      for (int32_t x = x0; x < x1; x += 8) {
+        const int32_t b = (x - x0) / 8;
         uint8_t* out = out_row + static_cast<ptrdiff_t>(x) * C;
-        const int32_t count = out_width - x < 8 ? out_width - x : 8;
-        __m256i top_left;
-        if (fast && count == 8 && geometry.inside(ix, iy, top_left)) {
-          alignas(32) int32_t offset[8];
-          _mm256_store_si256(reinterpret_cast<__m256i*>(offset), top_left);
-          // Read the offsets back as integers rather than extracting them lane by lane.
-          asm("" : "+m"(offset));
+        if (inside[b]) {
+          const int32_t* offset = offsets + 8 * b;
           const uintptr_t ahead = reinterpret_cast<uintptr_t>(in) + offset[0] + in_ahead;
           _mm_prefetch(reinterpret_cast<const char*>(ahead), _MM_HINT_T0);
           _mm_prefetch(reinterpret_cast<const char*>(ahead + in_stride), _MM_HINT_T0);
           _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(out) + out_ahead),
                        _MM_HINT_T0);
-          fast_block<C>(in, in_stride, offset, fast_weights(sx, sy, ix, iy), out);
+          fast_block<C>(in, in_stride, offset, weights[b], out);
           continue;
         }
-        border_block<C, kMode>(j, sx, sy, ix, iy, count, out);
+        __m256 sx, sy;
+        __m256i ix, iy;
+        coordinates(x, row_x, row_y, row_w, sx, sy, ix, iy);
+        border_block<C, kMode>(j, sx, sy, ix, iy, out_width - x < 8 ? out_width - x : 8, out);
       }
     }
   }
