@@ -165,12 +165,10 @@ inline __m256i chroma16(const YuvRowPair& rows, int x) {
 // Whole 32-pixel blocks of a row pair; returns the pixels done.
 template <Chroma kChroma, bool kBgr>
 int yuv_to_rgb_rows32(const YuvRowPair& rows, int width) {
-  // The -128 of d and e folded into the bias: r0 = kVToR * V + (kHalf - 128 kVToR), etc.
   const __m256i v_r = _mm256_set1_epi32(kVToR), v_g = _mm256_set1_epi32(kVToG);
   const __m256i u_g = _mm256_set1_epi32(kUToG), u_b = _mm256_set1_epi32(kUToB);
-  const __m256i bias_r = _mm256_set1_epi32(kHalf - 128 * kVToR);
-  const __m256i bias_g = _mm256_set1_epi32(kHalf - 128 * (kVToG + kUToG));
-  const __m256i bias_b = _mm256_set1_epi32(kHalf - 128 * kUToB);
+  const __m256i bias_r = _mm256_set1_epi32(kBiasR), bias_g = _mm256_set1_epi32(kBiasG);
+  const __m256i bias_b = _mm256_set1_epi32(kBiasB);
   const __m256i gain = _mm256_set1_epi32(kLumaGain), sixteen = _mm256_set1_epi8(16);
   const int blocks = width & ~31;
   for (int x = 0; x < blocks; x += 32) {

@@ -264,12 +264,10 @@ constexpr Bytes64 kOutputPick[2] = {output_table(0), output_table(64)};
 
 template <Chroma kChroma, bool kBgr>
 int yuv_to_rgb_rows64(const YuvRowPair& rows, int width) {
-  // The -128 of d and e folded into the bias: r0 = kVToR * V + (kHalf - 128 kVToR), etc.
   const __m512i v_r = _mm512_set1_epi32(kVToR), v_g = _mm512_set1_epi32(kVToG);
   const __m512i u_g = _mm512_set1_epi32(kUToG), u_b = _mm512_set1_epi32(kUToB);
-  const __m512i bias_r = _mm512_set1_epi32(kHalf - 128 * kVToR);
-  const __m512i bias_g = _mm512_set1_epi32(kHalf - 128 * (kVToG + kUToG));
-  const __m512i bias_b = _mm512_set1_epi32(kHalf - 128 * kUToB);
+  const __m512i bias_r = _mm512_set1_epi32(kBiasR), bias_g = _mm512_set1_epi32(kBiasG);
+  const __m512i bias_b = _mm512_set1_epi32(kBiasB);
   const __m512i gain = _mm512_set1_epi32(kLumaGain), sixteen = _mm512_set1_epi8(16);
   const __m512i out0 = load_table(kOutputPick[0]), out1 = load_table(kOutputPick[1]);
   const int blocks = width & ~63;

@@ -30,6 +30,12 @@ inline constexpr int32_t kVToG = -852492;      // -0.813
 inline constexpr int32_t kUToG = -409993;      // -0.391
 inline constexpr int32_t kHalf = 524288;       // 0.5
 inline constexpr int kYuvShift = 20;
+// The chroma terms with the -128 of d = U - 128 and e = V - 128 folded into the bias, for the
+// vector rows: kVToR * e + kHalf = kVToR * V + kBiasR, and so on (exact in int32: every
+// product of a constant with a byte, and every bias, stays below 2^30 in magnitude).
+inline constexpr int32_t kBiasR = kHalf - 128 * kVToR;
+inline constexpr int32_t kBiasG = kHalf - 128 * (kVToG + kUToG);
+inline constexpr int32_t kBiasB = kHalf - 128 * kUToB;
 
 // RGB -> YUV (Q20).
 inline constexpr int32_t kRToY = 269484;             // 0.257
