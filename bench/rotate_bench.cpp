@@ -49,10 +49,12 @@ void BM_Zarvel(benchmark::State& state, uint32_t format, int code, uint32_t mask
 
 BENCHMARK_CAPTURE(BM_Zarvel, rot90_grey_scalar, ZARVEL_PIXFMT_GREY, 0, 0u);
 BENCHMARK_CAPTURE(BM_Zarvel, rot90_grey_ssse3, ZARVEL_PIXFMT_GREY, 0, ~0u);
-BENCHMARK_CAPTURE(BM_Zarvel, rot90_rgb24, ZARVEL_PIXFMT_RGB24, 0, ~0u);
+BENCHMARK_CAPTURE(BM_Zarvel, rot90_rgb24_scalar, ZARVEL_PIXFMT_RGB24, 0, 0u);
+BENCHMARK_CAPTURE(BM_Zarvel, rot90_rgb24_avx2, ZARVEL_PIXFMT_RGB24, 0, ~0u);
 BENCHMARK_CAPTURE(BM_Zarvel, rot90_nv12_scalar, ZARVEL_PIXFMT_NV12, 0, 0u);
 BENCHMARK_CAPTURE(BM_Zarvel, rot90_nv12_ssse3, ZARVEL_PIXFMT_NV12, 0, ~0u);
-BENCHMARK_CAPTURE(BM_Zarvel, rot180_rgb24, ZARVEL_PIXFMT_RGB24, 1, ~0u);
+BENCHMARK_CAPTURE(BM_Zarvel, rot180_rgb24_scalar, ZARVEL_PIXFMT_RGB24, 1, 0u);
+BENCHMARK_CAPTURE(BM_Zarvel, rot180_rgb24_ssse3, ZARVEL_PIXFMT_RGB24, 1, ~0u);
 BENCHMARK_CAPTURE(BM_Zarvel, rot180_grey_scalar, ZARVEL_PIXFMT_GREY, 1, 0u);
 BENCHMARK_CAPTURE(BM_Zarvel, rot180_grey_ssse3, ZARVEL_PIXFMT_GREY, 1, ~0u);
 

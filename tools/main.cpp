@@ -49,7 +49,9 @@ void info() {
               : fma  ? "AVX2+FMA"
               : avx2 ? "AVX2 (YU12: SSE4.1)"
                      : "scalar"},
-      {"rotate", avx ? "SSSE3 (VEX)" : "scalar"},
+      {"rotate", avx2  ? "SSSE3 (VEX), RGB quarter turns AVX2"
+                 : avx ? "SSSE3 (VEX)"
+                       : "scalar"},
       {"warp", fma ? "AVX2+FMA" : "scalar"},
       {"equalize", vbmi ? "AVX-512 VBMI" : (avx2 ? "AVX2" : "scalar")},
       {"tensor", avx2 ? "AVX2" : "scalar"},

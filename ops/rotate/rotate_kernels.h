@@ -1,4 +1,4 @@
-// Rotation kernels: plain loops over destination rectangles, and their 128-bit variants.
+// Rotation kernels: plain loops over destination rectangles, and their vector variants.
 // Rows are addressed with byte strides; destination pixel (r, c) of a rotated H x W source is
 //   90 degrees:  source (H - 1 - c, r)
 //   180 degrees: source (H - 1 - r, W - 1 - c)
@@ -36,6 +36,11 @@ void rotate90_tile2_ssse3(const uint8_t* src, ptrdiff_t src_stride, int32_t src_
                           uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t c0);
 void rotate270_tile2_ssse3(const uint8_t* src, ptrdiff_t src_stride, int32_t src_h, int32_t src_w,
                            uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t c0);
+// The same for three-byte pixels, as 8 x 8 pixel transposes in 256-bit lanes (needs AVX2).
+void rotate90_tile3_avx2(const uint8_t* src, ptrdiff_t src_stride, int32_t src_h, int32_t src_w,
+                         uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t c0);
+void rotate270_tile3_avx2(const uint8_t* src, ptrdiff_t src_stride, int32_t src_h, int32_t src_w,
+                          uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t c0);
 // The first n (<= src_w) pixels of a reversed one-byte row in blocks of 16; returns the pixels
 // written (n rounded down to a multiple of 16). The caller finishes the tail.
 int32_t reverse_row_ssse3(const uint8_t* src_row, int32_t src_w, uint8_t* dst_row, int32_t n);

@@ -14,6 +14,7 @@ using TileFn = void (*)(const uint8_t*, ptrdiff_t, int32_t, int32_t, uint8_t*, p
 // The 128-bit kernels need SSSE3. The feature word carries no SSSE3 bit of its own; every
 // processor with VEX-encoded 128-bit instructions (kCpuAvx) has it.
 bool use_ssse3() { return (cpu_features() & kCpuAvx) != 0; }
+bool use_avx2() { return (cpu_features() & kCpuAvx2) != 0; }
 
 void quarter_turn(int32_t angle, int32_t pixel_size, int32_t src_h, int32_t src_w,
                   ptrdiff_t src_stride, const uint8_t* src, int32_t dst_h, int32_t dst_w,
@@ -23,6 +24,7 @@ void quarter_turn(int32_t angle, int32_t pixel_size, int32_t src_h, int32_t src_
   TileFn tile = nullptr;
   if (pixel_size == 1 && use_ssse3()) tile = cw ? rotate90_tile_ssse3 : rotate270_tile_ssse3;
   if (pixel_size == 2 && use_ssse3()) tile = cw ? rotate90_tile2_ssse3 : rotate270_tile2_ssse3;
+  if (pixel_size == 3 && use_avx2()) tile = cw ? rotate90_tile3_avx2 : rotate270_tile3_avx2;
 
   const int32_t rows = dst_h / kTile * kTile;
   const int32_t cols = dst_w / kTile * kTile;
