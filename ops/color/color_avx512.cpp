@@ -5,9 +5,10 @@
 // Narrowing: a sum s whose result is s >> 20 lies in (-2^29, 2^30) (color_kernels.h), so its
 // high word h = s >> 16 fits int16 and s >> 20 = h >> 4. Two registers of sums share one
 // register of words: the first one's high words shifted down, the second one's left in place
-// (a word blend). A multiply-high by 2^12 takes h >> 4 in every word, packus clamps the words
-// of two such registers to 64 bytes, and a byte permute puts the bytes in their stored order.
-// This keeps the shift and shuffle units, which bound these rows, to a few operations a step.
+// (a word blend). A multiply-high by 2^12 or an arithmetic word shift takes h >> 4 in every
+// word, packus clamps the words of two such registers to 64 bytes, and a byte permute puts the
+// bytes in their stored order. Byte permutes and multiplies bound these rows; the narrowing
+// costs a few of them a step.
 //
 // Loads stay inside the row (masked near its end) and stores write only the row.
 #include <immintrin.h>
