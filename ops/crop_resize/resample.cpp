@@ -92,6 +92,7 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
     return kFailed;
   }
   avx2_ = (cpu_features() & kCpuAvx2) != 0;
+  avx512_ = (cpu_features() & kCpuAvx512Vbmi) != 0;
   sh_ = sh;
   dh_ = dh;
   source_bytes_ = static_cast<int64_t>(sw) * channels;
@@ -100,9 +101,10 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
   const int groups = (n_ + 3) / 4;
 
   // One scratch block for the tables and two rows of horizontal sums.
-  const size_t total = 4 * align_up(sizeof(int32_t) * n_) + 2 * align_up(sizeof(int32_t) * groups) +
-                       align_up(sizeof(AxisTap) * dw) + align_up(sizeof(AxisTap) * dh) +
-                       2 * align_up(sizeof(int16_t) * n_);
+  const int wide_blocks = n_ / 32;
+  const size_t total = 5 * align_up(sizeof(int32_t) * n_) + 2 * align_up(sizeof(int32_t) * groups) +
+                       align_up(sizeof(int32_t) * wide_blocks) + align_up(sizeof(AxisTap) * dw) +
+                       align_up(sizeof(AxisTap) * dh) + 2 * align_up(sizeof(int16_t) * n_);
   block_.reset(static_cast<uint8_t*>(std::aligned_alloc(64, align_up(total))));
   if (!block_) return kFailed;
   Carver carve(block_.get());
@@ -111,6 +113,8 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
   shuffle_ = carve.take<uint32_t>(n_);
   base_ = carve.take<int32_t>(groups);
   split_hi_ = carve.take<int32_t>(groups);
+  wide_base_ = carve.take<int32_t>(wide_blocks);
+  wide_picks_ = carve.take<uint32_t>(n_);
   auto* col_taps = carve.take<AxisTap>(dw);
   row_taps_ = carve.take<AxisTap>(dh);
   sums_[0] = carve.take<int16_t>(n_);
@@ -127,6 +131,7 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
     }
   }
   plan_vector_rows(std::max(readable, static_cast<int64_t>(sw) * channels));
+  plan_wide_rows(std::max(readable, static_cast<int64_t>(sw) * channels));
   return kOk;
 }
 
@@ -187,21 +192,48 @@ void PlaneResampler::plan_vector_rows(int64_t row_bytes) {
   while (vector_elements_ < n_ && ofs_[vector_elements_] + 4 <= row_bytes) ++vector_elements_;
 }
 
+// The 512-bit window form: the prefix of whole 32-element blocks whose taps lie within 128
+// bytes that stay inside the row. Its elements start the row; the 256-bit row takes over
+// after them.
+void PlaneResampler::plan_wide_rows(int64_t row_bytes) {
+  wide_elements_ = 0;
+  if (!avx512_) return;
+  for (int k = 0; k < n_ / 32; ++k) {
+    const int32_t* o = ofs_ + 32 * k;
+    const int32_t lo = *std::min_element(o, o + 32), hi = *std::max_element(o, o + 32);
+    if (hi + step_ - lo > 127 || lo + 128 > row_bytes) break;
+    wide_base_[k] = lo;
+    for (int j = 0; j < 32; ++j) {
+      const auto t = static_cast<uint32_t>(o[j] - lo);
+      wide_picks_[32 * k + j] = t | (t + static_cast<uint32_t>(step_)) << 16;
+    }
+    wide_elements_ = 32 * (k + 1);
+  }
+}
+
 void PlaneResampler::horizontal(const uint8_t* row, int16_t* out) const {
   int done = 0;
-  if (avx2_) {
+  if (wide_elements_ > 0) {
+    done = hresample_row_avx512_window(row, wide_base_, wide_picks_, weights_, out, wide_elements_);
+  }
+  if (avx2_ && done < vector_elements_) {
+    // The 256-bit tables from element `done` on (a multiple of 32: whole groups of 4).
+    const int n = vector_elements_ - done;
+    int more = 0;
     switch (form_) {
       case Form::kWindow:
-        done = hresample_row_avx2_window(row, base_, shuffle_, weights_, out, vector_elements_);
+        more = hresample_row_avx2_window(row, base_ + done / 4, shuffle_ + done, weights_ + done,
+                                         out + done, n);
         break;
       case Form::kSplit:
-        done = hresample_row_avx2_split(row, base_, split_hi_, shuffle_, weights_, out,
-                                        vector_elements_);
+        more = hresample_row_avx2_split(row, base_ + done / 4, split_hi_ + done / 4,
+                                        shuffle_ + done, weights_ + done, out + done, n);
         break;
       case Form::kGather:
-        done = hresample_row_avx2_gather(row, ofs_, weights_, out, vector_elements_, step_);
+        more = hresample_row_avx2_gather(row, ofs_ + done, weights_ + done, out + done, n, step_);
         break;
     }
+    done += more;
   }
   hresample_row_c(row, ofs_ + done, weights_ + done, out + done, n_ - done, step_);
 }

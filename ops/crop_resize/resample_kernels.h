@@ -48,6 +48,11 @@ int hresample_row_avx2_window(const uint8_t* row, const int32_t* base, const uin
 // (both inside the row); shuffle[j] picks relative to that 16-byte lane.
 int hresample_row_avx2_split(const uint8_t* row, const int32_t* lo, const int32_t* hi,
                              const uint32_t* shuffle, const int32_t* weights, int16_t* out, int n);
+// 512-bit window form, blocks of 32 elements whose taps lie within 128 bytes: block k loads
+// row[base[k] .. base[k] + 127] (inside the row) and picks[j] holds {tap0, -, tap1, -} of
+// element j relative to its block's base. Returns n rounded down to whole blocks.
+int hresample_row_avx512_window(const uint8_t* row, const int32_t* base, const uint32_t* picks,
+                                const int32_t* weights, int16_t* out, int n);
 // Vertical row.
 int vresample_row_avx2(const int16_t* s0, const int16_t* s1, int32_t b0, int32_t b1, uint8_t* dst,
                        int n);

@@ -90,7 +90,8 @@ void expect_model(std::mt19937& rng, int c, int sw, int sh, int dw, int dh, int 
   const auto model = model_resize(s, sw, sh, sstride, dw, dh, c);
   std::vector<uint8_t> want(static_cast<size_t>(dstride) * dh + 1, 0xA5);
   for (int y = 0; y < dh; ++y) std::copy_n(&model[y * dw * c], dw * c, &want[1 + y * dstride]);
-  for (uint32_t mask : {0u, ~0u}) {
+  // The plain rows, the 256-bit rows alone, and the 512-bit rows with the 256-bit ones after.
+  for (uint32_t mask : {0u, ~za::kCpuAvx512Vbmi, ~0u}) {
     FeatureMask features(mask);
     std::vector<uint8_t> out(want.size(), 0xA5);
     rs::PlaneResampler resampler;
