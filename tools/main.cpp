@@ -44,7 +44,9 @@ void info() {
     const char* family;
     const char* variant;
   } kFamilies[] = {
-      {"resize", avx2 ? "AVX2" : "scalar"},
+      {"resize", vbmi   ? "AVX-512 VBMI window rows, AVX2"
+                 : avx2 ? "AVX2"
+                        : "scalar"},
       {"cvt", vbmi   ? "AVX-512 VBMI"
               : fma  ? "AVX2+FMA"
               : avx2 ? "AVX2 (YU12: SSE4.1)"
