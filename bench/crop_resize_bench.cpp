@@ -101,6 +101,9 @@ int register_all() {
                                  0u)
         ->Unit(benchmark::kMicrosecond);
     benchmark::RegisterBenchmark(("zarvel_avx2/" + name).c_str(), zarvel_resize, c.format, c.dw,
+                                 c.dh, ~za::kCpuAvx512Vbmi)
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark(("zarvel_avx512/" + name).c_str(), zarvel_resize, c.format, c.dw,
                                  c.dh, ~0u)
         ->Unit(benchmark::kMicrosecond);
 #ifdef ZARVEL_BENCH_OPENCV
