@@ -92,7 +92,6 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
     return kFailed;
   }
   avx2_ = (cpu_features() & kCpuAvx2) != 0;
-  avx512_ = (cpu_features() & kCpuAvx512Vbmi) != 0;
   sh_ = sh;
   dh_ = dh;
   source_bytes_ = static_cast<int64_t>(sw) * channels;
@@ -130,8 +129,10 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
       weights_[dx * channels + c] = static_cast<int32_t>(pair);
     }
   }
-  plan_vector_rows(std::max(readable, static_cast<int64_t>(sw) * channels));
-  plan_wide_rows(std::max(readable, static_cast<int64_t>(sw) * channels));
+  const int64_t row_bytes = std::max(readable, static_cast<int64_t>(sw) * channels);
+  plan_vector_rows(row_bytes);
+  wide_elements_ = 0;
+  if ((cpu_features() & kCpuAvx512Vbmi) != 0) plan_wide_rows(row_bytes);
   return kOk;
 }
 
@@ -140,11 +141,14 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
 // channels, the split form (two 8-byte halves, one per column of the group); else the gather
 // form. (Offsets are not monotonic element by element: the channels of one column step up,
 // the next column may start lower.)
+// The byte picks {tap0, zero, tap1, zero} of an element whose first tap is t bytes into its
+// window: a byte shuffle zeroes the 0x80 bytes, the 512-bit permute masks them.
+uint32_t PlaneResampler::pick(int32_t t0) const {
+  const auto t = static_cast<uint32_t>(t0);
+  return t | 0x80u << 8 | (t + static_cast<uint32_t>(step_)) << 16 | 0x80u << 24;
+}
+
 void PlaneResampler::plan_vector_rows(int64_t row_bytes) {
-  auto pick = [this](int32_t t0) {
-    const auto t = static_cast<uint32_t>(t0);
-    return t | 0x80u << 8 | (t + static_cast<uint32_t>(step_)) << 16 | 0x80u << 24;
-  };
   form_ = Form::kWindow;
   int window_safe = 0;
   for (int g = 0; g < n_ / 4; ++g) {
@@ -196,17 +200,12 @@ void PlaneResampler::plan_vector_rows(int64_t row_bytes) {
 // bytes that stay inside the row. Its elements start the row; the 256-bit row takes over
 // after them.
 void PlaneResampler::plan_wide_rows(int64_t row_bytes) {
-  wide_elements_ = 0;
-  if (!avx512_) return;
   for (int k = 0; k < n_ / 32; ++k) {
     const int32_t* o = ofs_ + 32 * k;
     const int32_t lo = *std::min_element(o, o + 32), hi = *std::max_element(o, o + 32);
     if (hi + step_ - lo > 127 || lo + 128 > row_bytes) break;
     wide_base_[k] = lo;
-    for (int j = 0; j < 32; ++j) {
-      const auto t = static_cast<uint32_t>(o[j] - lo);
-      wide_picks_[32 * k + j] = t | (t + static_cast<uint32_t>(step_)) << 16;
-    }
+    for (int j = 0; j < 32; ++j) wide_picks_[32 * k + j] = pick(o[j] - lo);
     wide_elements_ = 32 * (k + 1);
   }
 }

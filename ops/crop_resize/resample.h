@@ -72,6 +72,7 @@ class PlaneResampler {
   enum class Form { kWindow, kSplit, kGather };
   void plan_vector_rows(int64_t readable);
   void plan_wide_rows(int64_t readable);
+  uint32_t pick(int32_t t0) const;
   void horizontal(const uint8_t* row, int16_t* out) const;
   void vertical(int32_t dy, uint8_t* out) const;
   void swap_rows(int32_t cached[2]);
@@ -86,8 +87,7 @@ class PlaneResampler {
   bool avx2_ = false;
   Form form_ = Form::kGather;
   int vector_elements_ = 0;  // elements the vector horizontal row may take
-  bool avx512_ = false;
-  int wide_elements_ = 0;  // elements the 512-bit row takes first (whole blocks of 32)
+  int wide_elements_ = 0;    // elements the 512-bit row takes first (whole blocks of 32)
   int32_t* wide_base_ = nullptr;
   uint32_t* wide_picks_ = nullptr;
   int32_t* ofs_ = nullptr;

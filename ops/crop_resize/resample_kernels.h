@@ -49,8 +49,9 @@ int hresample_row_avx2_window(const uint8_t* row, const int32_t* base, const uin
 int hresample_row_avx2_split(const uint8_t* row, const int32_t* lo, const int32_t* hi,
                              const uint32_t* shuffle, const int32_t* weights, int16_t* out, int n);
 // 512-bit window form, blocks of 32 elements whose taps lie within 128 bytes: block k loads
-// row[base[k] .. base[k] + 127] (inside the row) and picks[j] holds {tap0, -, tap1, -} of
-// element j relative to its block's base. Returns n rounded down to whole blocks.
+// row[base[k] .. base[k] + 127] (inside the row) and picks[j] holds the byte picks of element
+// j relative to its block's base, as in the window form (the 0x80 bytes are masked). Returns n
+// rounded down to whole blocks.
 int hresample_row_avx512_window(const uint8_t* row, const int32_t* base, const uint32_t* picks,
                                 const int32_t* weights, int16_t* out, int n);
 // Vertical row.

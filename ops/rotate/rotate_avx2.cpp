@@ -60,24 +60,16 @@ inline void transpose_block3(const uint8_t* s, ptrdiff_t s_step, uint8_t* d, ptr
 
 }  // namespace
 
-void rotate90_tile3_avx2(const uint8_t* src, ptrdiff_t src_stride, int32_t src_h, int32_t,
+void rotate90_tile3_avx2(const uint8_t* src, ptrdiff_t src_stride, int32_t src_h, int32_t src_w,
                          uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t c0) {
-  for (int32_t br = r0; br < r0 + kTile; br += 8) {
-    for (int32_t bc = c0; bc < c0 + kTile; bc += 8) {
-      transpose_block3(src + (src_h - 1 - bc) * src_stride + 3 * br, -src_stride,
-                       dst + br * dst_stride + 3 * bc, dst_stride);
-    }
-  }
+  quarter_turn_tile<3, transpose_block3>(true, src, src_stride, src_h, src_w, dst, dst_stride, r0,
+                                         c0);
 }
 
-void rotate270_tile3_avx2(const uint8_t* src, ptrdiff_t src_stride, int32_t, int32_t src_w,
+void rotate270_tile3_avx2(const uint8_t* src, ptrdiff_t src_stride, int32_t src_h, int32_t src_w,
                           uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t c0) {
-  for (int32_t br = r0; br < r0 + kTile; br += 8) {
-    for (int32_t bc = c0; bc < c0 + kTile; bc += 8) {
-      transpose_block3(src + bc * src_stride + 3 * ptrdiff_t{src_w - 8 - br}, src_stride,
-                       dst + (br + 7) * dst_stride + 3 * bc, -dst_stride);
-    }
-  }
+  quarter_turn_tile<3, transpose_block3>(false, src, src_stride, src_h, src_w, dst, dst_stride, r0,
+                                         c0);
 }
 
 }  // namespace zarvel::aux::rotate

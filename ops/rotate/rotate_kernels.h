@@ -41,6 +41,29 @@ void rotate90_tile3_avx2(const uint8_t* src, ptrdiff_t src_stride, int32_t src_h
                          uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t c0);
 void rotate270_tile3_avx2(const uint8_t* src, ptrdiff_t src_stride, int32_t src_h, int32_t src_w,
                           uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t c0);
+// Walks the 8 x 8 pixel blocks of a full 64 x 64 destination tile at (r0, c0) of a quarter
+// turn of P-byte pixels. kBlock(s, s_step, d, d_step) reads 8 rows of 8 pixels (row k at
+// s + k * s_step) and writes their columns as rows (column i at d + i * d_step). Clockwise,
+// block row k is source row H - 1 - bc - k from column br; counter-clockwise it is source row
+// bc + k from column W - 8 - br, whose columns land on destination rows br + 7 down to br.
+using BlockFn = void (*)(const uint8_t*, ptrdiff_t, uint8_t*, ptrdiff_t);
+template <int P, BlockFn kBlock>
+inline void quarter_turn_tile(bool clockwise, const uint8_t* src, ptrdiff_t src_stride,
+                              int32_t src_h, int32_t src_w, uint8_t* dst, ptrdiff_t dst_stride,
+                              int32_t r0, int32_t c0) {
+  for (int32_t br = r0; br < r0 + kTile; br += 8) {
+    for (int32_t bc = c0; bc < c0 + kTile; bc += 8) {
+      if (clockwise) {
+        kBlock(src + (src_h - 1 - bc) * src_stride + P * br, -src_stride,
+               dst + br * dst_stride + P * bc, dst_stride);
+      } else {
+        kBlock(src + bc * src_stride + P * ptrdiff_t{src_w - 8 - br}, src_stride,
+               dst + (br + 7) * dst_stride + P * bc, -dst_stride);
+      }
+    }
+  }
+}
+
 // The first n (<= src_w) pixels of a reversed one-byte row in blocks of 16; returns the pixels
 // written (n rounded down to a multiple of 16). The caller finishes the tail.
 int32_t reverse_row_ssse3(const uint8_t* src_row, int32_t src_w, uint8_t* dst_row, int32_t n);

@@ -96,24 +96,16 @@ void rotate270_tile_ssse3(const uint8_t* src, ptrdiff_t src_stride, int32_t, int
   }
 }
 
-void rotate90_tile2_ssse3(const uint8_t* src, ptrdiff_t src_stride, int32_t src_h, int32_t,
+void rotate90_tile2_ssse3(const uint8_t* src, ptrdiff_t src_stride, int32_t src_h, int32_t src_w,
                           uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t c0) {
-  for (int32_t br = r0; br < r0 + kTile; br += 8) {
-    for (int32_t bc = c0; bc < c0 + kTile; bc += 8) {
-      transpose_block2(src + (src_h - 1 - bc) * src_stride + 2 * br, -src_stride,
-                       dst + br * dst_stride + 2 * bc, dst_stride);
-    }
-  }
+  quarter_turn_tile<2, transpose_block2>(true, src, src_stride, src_h, src_w, dst, dst_stride, r0,
+                                         c0);
 }
 
-void rotate270_tile2_ssse3(const uint8_t* src, ptrdiff_t src_stride, int32_t, int32_t src_w,
+void rotate270_tile2_ssse3(const uint8_t* src, ptrdiff_t src_stride, int32_t src_h, int32_t src_w,
                            uint8_t* dst, ptrdiff_t dst_stride, int32_t r0, int32_t c0) {
-  for (int32_t br = r0; br < r0 + kTile; br += 8) {
-    for (int32_t bc = c0; bc < c0 + kTile; bc += 8) {
-      transpose_block2(src + bc * src_stride + 2 * ptrdiff_t{src_w - 8 - br}, src_stride,
-                       dst + (br + 7) * dst_stride + 2 * bc, -dst_stride);
-    }
-  }
+  quarter_turn_tile<2, transpose_block2>(false, src, src_stride, src_h, src_w, dst, dst_stride, r0,
+                                         c0);
 }
 
 int32_t reverse_row_ssse3(const uint8_t* src_row, int32_t src_w, uint8_t* dst_row, int32_t n) {
