@@ -44,7 +44,7 @@ void info() {
     const char* family;
     const char* variant;
   } kFamilies[] = {
-      {"resize", vbmi   ? "AVX-512 VBMI window rows, AVX2"
+      {"resize", vbmi   ? "AVX-512 VBMI window and 3-channel gather rows, AVX2"
                  : avx2 ? "AVX2"
                         : "scalar"},
       {"cvt", vbmi   ? "AVX-512 VBMI"

@@ -102,7 +102,8 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
   // One scratch block for the tables and two rows of horizontal sums.
   const int wide_blocks = n_ / 32;
   const size_t total = 5 * align_up(sizeof(int32_t) * n_) + 2 * align_up(sizeof(int32_t) * groups) +
-                       align_up(sizeof(int32_t) * wide_blocks) + align_up(sizeof(AxisTap) * dw) +
+                       align_up(sizeof(int32_t) * wide_blocks) + align_up(sizeof(int32_t) * dw) +
+                       2 * align_up(sizeof(uint16_t) * n_) + align_up(sizeof(AxisTap) * dw) +
                        align_up(sizeof(AxisTap) * dh) + 2 * align_up(sizeof(int16_t) * n_);
   block_.reset(static_cast<uint8_t*>(std::aligned_alloc(64, align_up(total))));
   if (!block_) return kFailed;
@@ -113,7 +114,10 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
   base_ = carve.take<int32_t>(groups);
   split_hi_ = carve.take<int32_t>(groups);
   wide_base_ = carve.take<int32_t>(wide_blocks);
-  wide_picks_ = carve.take<uint32_t>(n_);
+  wide_picks_ = carve.take<uint16_t>(n_);
+  pixel_ofs_ = carve.take<int32_t>(dw);
+  w_low_ = carve.take<uint16_t>(n_);
+  w_high_ = carve.take<uint16_t>(n_);
   auto* col_taps = carve.take<AxisTap>(dw);
   row_taps_ = carve.take<AxisTap>(dh);
   sums_[0] = carve.take<int16_t>(n_);
@@ -122,16 +126,20 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
   compute_axis_taps(sw, full_w, col_taps, dw);
   compute_axis_taps(sh, full_h, row_taps_, dh);
   for (int dx = 0; dx < dw; ++dx) {
-    const uint32_t pair = static_cast<uint16_t>(col_taps[dx].w0) |
-                          (static_cast<uint32_t>(static_cast<uint16_t>(col_taps[dx].w1)) << 16);
+    const auto w0 = static_cast<uint16_t>(col_taps[dx].w0);
+    const auto w1 = static_cast<uint16_t>(col_taps[dx].w1);
+    const uint32_t pair = w0 | static_cast<uint32_t>(w1) << 16;
     for (int c = 0; c < channels; ++c) {
       ofs_[dx * channels + c] = col_taps[dx].index * channels + c;
       weights_[dx * channels + c] = static_cast<int32_t>(pair);
+      w_low_[dx * channels + c] = static_cast<uint16_t>((w0 & 63) | (w1 & 63) << 8);
+      w_high_[dx * channels + c] = static_cast<uint16_t>(w0 >> 6 | (w1 >> 6) << 8);
     }
   }
   const int64_t row_bytes = std::max(readable, static_cast<int64_t>(sw) * channels);
   plan_vector_rows(row_bytes);
   wide_elements_ = 0;
+  wide_gather_ = false;
   if ((cpu_features() & kCpuAvx512Vbmi) != 0) plan_wide_rows(row_bytes);
   return kOk;
 }
@@ -205,15 +213,29 @@ void PlaneResampler::plan_wide_rows(int64_t row_bytes) {
     const int32_t lo = *std::min_element(o, o + 32), hi = *std::max_element(o, o + 32);
     if (hi + step_ - lo > 127 || lo + 128 > row_bytes) break;
     wide_base_[k] = lo;
-    for (int j = 0; j < 32; ++j) wide_picks_[32 * k + j] = pick(o[j] - lo);
+    for (int j = 0; j < 32; ++j) {
+      wide_picks_[32 * k + j] = static_cast<uint16_t>((o[j] - lo) | (o[j] - lo + step_) << 8);
+    }
     wide_elements_ = 32 * (k + 1);
   }
+  // Three channels reduced more than the window reaches (about 3x): the pixel-gather form,
+  // whose 8-byte reads hold both columns of a pixel whatever the spread.
+  wide_gather_ = wide_elements_ == 0 && step_ == 3;
+  if (!wide_gather_) return;
+  const int pixels = n_ / 3;
+  for (int p = 0; p < pixels; ++p) pixel_ofs_[p] = ofs_[3 * p];
+  int safe = 0;
+  while (safe + 32 <= pixels && pixel_ofs_[safe + 31] + 8 <= row_bytes) safe += 32;
+  wide_elements_ = 3 * safe;
 }
 
 void PlaneResampler::horizontal(const uint8_t* row, int16_t* out) const {
   int done = 0;
   if (wide_elements_ > 0) {
-    done = hresample_row_avx512_window(row, wide_base_, wide_picks_, weights_, out, wide_elements_);
+    done = wide_gather_
+               ? hresample_row_avx512_gather3(row, pixel_ofs_, w_low_, w_high_, out, wide_elements_)
+               : hresample_row_avx512_window(row, wide_base_, wide_picks_, w_low_, w_high_, out,
+                                             wide_elements_);
   }
   if (avx2_ && done < vector_elements_) {
     // The 256-bit tables from element `done` on (a multiple of 32: whole groups of 4).

@@ -1,6 +1,7 @@
 // The single-plane bilinear resampler used by the host resize.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -76,9 +77,13 @@ class PlaneResampler {
   void horizontal(const uint8_t* row, int16_t* out) const;
   void vertical(int32_t dy, uint8_t* out) const;
   void swap_rows(int32_t cached[2]);
+  // Asks for the head of an upcoming row (its first eight cache lines): the hardware's stream
+  // prefetcher fetches the rest of a long row once the head is read, while prefetching a
+  // whole long row stalls the row at hand on the miss buffers.
   void prefetch(const uint8_t* row) const {
     if (row == nullptr) return;
-    for (int64_t at = 0; at < source_bytes_; at += 64) __builtin_prefetch(row + at);
+    const int64_t head = std::min<int64_t>(source_bytes_, 512);
+    for (int64_t at = 0; at < head; at += 64) __builtin_prefetch(row + at);
   }
 
   std::unique_ptr<uint8_t, decltype(&std::free)> block_{nullptr, &std::free};
@@ -86,10 +91,14 @@ class PlaneResampler {
   int64_t source_bytes_ = 0;
   bool avx2_ = false;
   Form form_ = Form::kGather;
-  int vector_elements_ = 0;  // elements the vector horizontal row may take
-  int wide_elements_ = 0;    // elements the 512-bit row takes first (whole blocks of 32)
+  int vector_elements_ = 0;   // elements the vector horizontal row may take
+  int wide_elements_ = 0;     // elements the 512-bit row takes first (whole blocks)
+  bool wide_gather_ = false;  // that row is the pixel-gather form, else the window form
+  int32_t* pixel_ofs_ = nullptr;
+  uint16_t* w_low_ = nullptr;  // split weight pairs of every element
+  uint16_t* w_high_ = nullptr;
   int32_t* wide_base_ = nullptr;
-  uint32_t* wide_picks_ = nullptr;
+  uint16_t* wide_picks_ = nullptr;  // tap byte pairs of the window form
   int32_t* ofs_ = nullptr;
   int32_t* weights_ = nullptr;
   uint32_t* shuffle_ = nullptr;

@@ -8,6 +8,12 @@
 // S >> 4 is at most 32640 and so fits int16 (rows of it are what the horizontal pass keeps); (S >>
 // 4) * b >> 16 is the high half of a 16x16 multiply, which a vector unit does in one instruction.
 // The total scale is 2048 * 2048 / 16 / 65536 = 4, removed by the final rounding shift (+2, >> 2).
+//
+// Split weights: a weight w (0..2048) is 64 * h + l with h = w >> 6 (0..32) and l = w & 63, both
+// signed bytes. For taps p0, p1 (0..255), H = h0 p0 + h1 p1 <= 16320 and L = l0 p0 + l1 p1 <=
+// 32130, so an unsigned-by-signed byte multiply-add of int16 results never saturates; S = 64 H +
+// L, and since 64 H is a multiple of 16, S >> 4 = 4 H + (L >> 4) exactly, with no 32-bit lanes.
+// A table holds each element's pair as two bytes (first tap low): `w_low` the l, `w_high` the h.
 #pragma once
 
 #include <cstdint>
@@ -49,11 +55,18 @@ int hresample_row_avx2_window(const uint8_t* row, const int32_t* base, const uin
 int hresample_row_avx2_split(const uint8_t* row, const int32_t* lo, const int32_t* hi,
                              const uint32_t* shuffle, const int32_t* weights, int16_t* out, int n);
 // 512-bit window form, blocks of 32 elements whose taps lie within 128 bytes: block k loads
-// row[base[k] .. base[k] + 127] (inside the row) and picks[j] holds the byte picks of element
-// j relative to its block's base, as in the window form (the 0x80 bytes are masked). Returns n
-// rounded down to whole blocks.
-int hresample_row_avx512_window(const uint8_t* row, const int32_t* base, const uint32_t* picks,
-                                const int32_t* weights, int16_t* out, int n);
+// row[base[k] .. base[k] + 127] (inside the row) and picks[j] holds the two tap bytes of
+// element j relative to its block's base (first tap low). Weights are the split pairs below.
+// Returns n rounded down to whole blocks.
+int hresample_row_avx512_window(const uint8_t* row, const int32_t* base, const uint16_t* picks,
+                                const uint16_t* w_low, const uint16_t* w_high, int16_t* out, int n);
+// 512-bit pixel-gather form for 3 channels, blocks of 32 pixels (96 elements): pixel p of a
+// block reads row[pixel_ofs[p] .. pixel_ofs[p] + 7] (inside the row), its first column's three
+// bytes and then the second's, so it serves any spread of the columns. Returns n rounded down
+// to whole blocks.
+int hresample_row_avx512_gather3(const uint8_t* row, const int32_t* pixel_ofs,
+                                 const uint16_t* w_low, const uint16_t* w_high, int16_t* out,
+                                 int n);
 // Vertical row.
 int vresample_row_avx2(const int16_t* s0, const int16_t* s1, int32_t b0, int32_t b1, uint8_t* dst,
                        int n);

@@ -103,8 +103,9 @@ void expect_model(std::mt19937& rng, int c, int sw, int sh, int dw, int dh, int 
   }
 }
 
-// Random shapes up and down; then wide sources, whose strong reductions take the gather form
-// of the horizontal row and mild ones the window form.
+// Random shapes up and down; then wide sources, whose strong reductions take the gather forms
+// of the horizontal row (32-pixel blocks for three channels, then the 256-bit rows for the rest)
+// and mild ones the window form.
 TEST(Resample, VariantsMatchTheModelOverShapesStridesAndAlignments) {
   std::mt19937 rng(1234);
   for (int c = 1; c <= 3; ++c) {
@@ -113,7 +114,7 @@ TEST(Resample, VariantsMatchTheModelOverShapesStridesAndAlignments) {
       const int spad = static_cast<int>(rng() % 3) * 5, misalign = static_cast<int>(rng() % 4);
       ASSERT_NO_FATAL_FAILURE(expect_model(rng, c, sw, sh, dw, dh, spad, misalign, i % 2));
     }
-    for (int sw : {97, 150, 301})
+    for (int sw : {97, 150, 301, 1000})
       for (int dw : {16, 17, 23, 40, 64, 91})
         ASSERT_NO_FATAL_FAILURE(expect_model(rng, c, sw, 3, dw, 2, 0, 0, false));
   }
