@@ -19,9 +19,10 @@ int64_t no_grey_f32(const uint8_t*, int64_t, float*, float, float) { return 0; }
 }  // namespace
 
 BlockKernels select_block_kernels() {
-  if (cpu_features() & kCpuAvx2) {
-    return {packed_f32_blocks_avx2, packed_u8_blocks_avx2, luma_f32_blocks_avx2,
-            luma_u8_blocks_avx2, grey_f32_blocks_avx2};
+  const uint32_t features = cpu_features();
+  if (features & kCpuAvx2) {
+    return {(features & kCpuAvx512Vbmi) ? packed_f32_blocks_avx512 : packed_f32_blocks_avx2,
+            packed_u8_blocks_avx2, luma_f32_blocks_avx2, luma_u8_blocks_avx2, grey_f32_blocks_avx2};
   }
   return {no_packed_f32, no_packed_u8, no_luma_f32, no_luma_u8, no_grey_f32};
 }

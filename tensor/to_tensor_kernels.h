@@ -60,6 +60,11 @@ int64_t luma_f32_blocks_avx2(const uint8_t* src, int64_t n, int r_byte, float* d
 int64_t luma_u8_blocks_avx2(const uint8_t* src, int64_t n, int r_byte, uint8_t* dst);
 int64_t grey_f32_blocks_avx2(const uint8_t* src, int64_t n, float* dst, float mean, float std);
 
+// ---- AVX-512 VBMI block (to_tensor_kernels_avx512.cpp): 16 pixels a step ----
+
+int64_t packed_f32_blocks_avx512(const uint8_t* src, int64_t n, float* const dst[3],
+                                 const float mean[3], const float recip[3]);
+
 // ---- the blocks chosen for this processor (to_tensor_kernels.cpp) ----
 
 struct BlockKernels {

@@ -137,10 +137,12 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
     }
   }
   const int64_t row_bytes = std::max(readable, static_cast<int64_t>(sw) * channels);
-  plan_vector_rows(row_bytes);
   wide_elements_ = 0;
   wide_gather_ = false;
   if ((cpu_features() & kCpuAvx512Vbmi) != 0) plan_wide_rows(row_bytes);
+  // The 256-bit tables serve only what the 512-bit row leaves.
+  vector_elements_ = 0;
+  if (wide_elements_ < n_) plan_vector_rows(row_bytes);
   return kOk;
 }
 

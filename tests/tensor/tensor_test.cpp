@@ -187,11 +187,13 @@ TEST(FrameToTensor, PairingsRefusalsAndNotes) {
                "follow tensor memory type: host.\n"}});
 }
 
-// The scalar blocks (which do nothing) and the vector ones, or false without AVX2.
-bool block_kernels(tt::BlockKernels k[2]) {
+// The scalar blocks (which do nothing) and the vector ones, or false without AVX2; k[2] (when
+// given) the 256-bit ones alone.
+bool block_kernels(tt::BlockKernels k[], bool with_256 = false) {
   // The mask holds until the end of the full expression that selects.
   const auto select = [](uint32_t mask) { return FeatureMask(mask), tt::select_block_kernels(); };
   k[0] = select(0u), k[1] = select(~0u);
+  if (with_256) k[2] = select(~zarvel::aux::kCpuAvx512Vbmi);
   return (zarvel::aux::cpu_features() & zarvel::aux::kCpuAvx2) != 0;
 }
 
@@ -212,8 +214,9 @@ void same_rows(const tt::BlockKernels k[2], int64_t n, int planes, Row row) {
 // All lengths around the block size, unaligned starts, sources ending at a guard page, and
 // parameters including NaN, zero and negative-zero deviations.
 TEST(ToTensorKernels, VectorRowsEqualScalarRows) {
-  tt::BlockKernels k[2];
-  if (!block_kernels(k)) GTEST_SKIP() << "no AVX2";
+  tt::BlockKernels k[3];
+  if (!block_kernels(k, true)) GTEST_SKIP() << "no AVX2";
+  const tt::BlockKernels k256[2] = {k[0], k[2]};
   std::mt19937 rng(5);
   const float nan = std::nanf("");
   // Means and deviations; the first pair leaves 8-bit samples as they are.
@@ -231,7 +234,9 @@ TEST(ToTensorKernels, VectorRowsEqualScalarRows) {
       for (size_t p = 0; p < std::size(params); ++p) {
         const float *m = params[p], *s = stds[p], r[3] = {1.0f / s[0], 1.0f / s[1], 1.0f / s[2]};
         const bool identity = p == 0;
-        same_rows<float>(k, n, 3, [&](auto& b, auto d) { tt::packed_f32_row(b, src, n, d, m, r); });
+        for (const tt::BlockKernels* pair : {static_cast<const tt::BlockKernels*>(k), k256})
+          same_rows<float>(pair, n, 3,
+                           [&](auto& b, auto d) { tt::packed_f32_row(b, src, n, d, m, r); });
         same_rows<uint8_t>(
             k, n, 3, [&](auto& b, auto d) { tt::packed_u8_row(b, src, n, d, identity, m, r); });
         for (int r_byte : {0, 2})
