@@ -25,11 +25,13 @@ namespace {
 constexpr const char* kHostName = "host_transform_to_tensor";
 constexpr int32_t kRowSlack = 32;  // readable bytes past a cut row, for whole vector blocks
 
-// Source rows of a region of a host frame; rows and columns outside the frame are 0.
+// Source rows of a region of a host frame; rows and columns outside the frame are 0. Rows that
+// must be cut are made in two scratch rows in turn, so the last two rows returned stay valid.
 class RegionRows {
  public:
-  RegionRows(const zarvel_frame_t* frame, Area2D roi, int32_t pixel_size, uint8_t* scratch)
-      : frame_(frame), roi_(roi), ps_(pixel_size), row_(scratch) {
+  RegionRows(const zarvel_frame_t* frame, Area2D roi, int32_t pixel_size, uint8_t* scratch0,
+             uint8_t* scratch1)
+      : frame_(frame), roi_(roi), ps_(pixel_size), rows_{scratch0, scratch1} {
     x0_ = std::max(0, roi.x);
     x1_ = static_cast<int32_t>(std::min<int64_t>(int64_t{roi.x} + roi.width, frame->width));
     inside_columns_ = roi.x >= 0 && int64_t{roi.x} + roi.width <= frame->width;
@@ -53,23 +55,27 @@ class RegionRows {
   const uint8_t* operator()(int32_t ry) {
     const int64_t fy = int64_t{roi_.y} + ry;
     const size_t row_bytes = static_cast<size_t>(roi_.width) * ps_;
-    if (fy < 0 || fy >= frame_->height || x1_ <= x0_) {
-      std::memset(row_, 0, row_bytes);
-      return row_;
+    const bool outside = fy < 0 || fy >= frame_->height || x1_ <= x0_;
+    if (!outside && inside_columns_) {
+      return frame_->plane[0] + fy * frame_->stride[0] + static_cast<int64_t>(roi_.x) * ps_;
     }
-    const uint8_t* line = frame_->plane[0] + fy * frame_->stride[0];
-    if (inside_columns_) return line + static_cast<int64_t>(roi_.x) * ps_;
-    std::memset(row_, 0, row_bytes);
-    std::memcpy(row_ + static_cast<size_t>(x0_ - roi_.x) * ps_,
-                line + static_cast<size_t>(x0_) * ps_, static_cast<size_t>(x1_ - x0_) * ps_);
-    return row_;
+    uint8_t* row = rows_[next_];
+    next_ ^= 1;
+    std::memset(row, 0, row_bytes);
+    if (!outside) {
+      std::memcpy(row + static_cast<size_t>(x0_ - roi_.x) * ps_,
+                  frame_->plane[0] + fy * frame_->stride[0] + static_cast<size_t>(x0_) * ps_,
+                  static_cast<size_t>(x1_ - x0_) * ps_);
+    }
+    return row;
   }
 
  private:
   const zarvel_frame_t* frame_;
   Area2D roi_;
   int32_t ps_;
-  uint8_t* row_;
+  uint8_t* rows_[2];
+  int next_ = 0;
   int32_t x0_ = 0, x1_ = 0;
   bool inside_columns_ = false;
 };
@@ -129,20 +135,20 @@ int32_t run_job(zarvel_tensor_t* tensor, int64_t item, uint32_t color_type, zarv
   // Only the part of the resized region that the item holds is computed.
   const int32_t rows = std::min(size.height, H), cols = std::min(size.width, W);
   resample::PlaneResampler resampler;
-  RegionRows region(source, roi, ps, nullptr);
+  RegionRows region(source, roi, ps, nullptr, nullptr);
   status = resampler.init(roi.width, roi.height, size.width, size.height, ps, region.readable(),
                           cols, rows);
   if (status != kOk) return status;
-  // One cut source row (with slack for whole vector loads) and one resized row, which the
+  // Two cut source rows (with slack for whole vector loads) and one resized row, which the
   // writer turns into tensor samples while it is still in the first-level cache.
   const size_t cut_row = static_cast<size_t>(roi.width) * ps + kRowSlack;
   try {
-    scratch.assign(cut_row + static_cast<size_t>(cols) * ps, 0);
+    scratch.assign(2 * cut_row + static_cast<size_t>(cols) * ps, 0);
   } catch (const std::bad_alloc&) {
     return kFailed;
   }
-  uint8_t* resized = scratch.data() + cut_row;
-  region = RegionRows(source, roi, ps, scratch.data());
+  uint8_t* resized = scratch.data() + 2 * cut_row;
+  region = RegionRows(source, roi, ps, scratch.data(), scratch.data() + cut_row);
   resampler.run(
       region, [&](int32_t) { return resized; }, [&](int32_t dy) { writer.row(dy, resized, cols); },
       [&](int32_t ry) { return region.address(ry); });

@@ -231,9 +231,9 @@ void PlaneResampler::plan_wide_rows(int64_t row_bytes) {
   wide_elements_ = 3 * safe;
 }
 
-void PlaneResampler::horizontal(const uint8_t* row, int16_t* out) const {
-  int done = 0;
-  if (wide_elements_ > 0) {
+void PlaneResampler::horizontal(const uint8_t* row, int16_t* out, int first) const {
+  int done = first;
+  if (first == 0 && wide_elements_ > 0) {
     done = wide_gather_
                ? hresample_row_avx512_gather3(row, pixel_ofs_, w_low_, w_high_, out, wide_elements_)
                : hresample_row_avx512_window(row, wide_base_, wide_picks_, w_low_, w_high_, out,
@@ -261,10 +261,25 @@ void PlaneResampler::horizontal(const uint8_t* row, int16_t* out) const {
   hresample_row_c(row, ofs_ + done, weights_ + done, out + done, n_ - done, step_);
 }
 
-void PlaneResampler::vertical(int32_t dy, uint8_t* out) const {
+void PlaneResampler::vertical(int32_t dy, uint8_t* out, int first) const {
   const int32_t b0 = row_taps_[dy].w0, b1 = row_taps_[dy].w1;
-  const int done = avx2_ ? vresample_row_avx2(sums_[0], sums_[1], b0, b1, out, n_) : 0;
-  vresample_row_c(sums_[0] + done, sums_[1] + done, b0, b1, out + done, n_ - done);
+  const int16_t* s0 = sums_[0] + first;
+  const int16_t* s1 = sums_[1] + first;
+  out += first;
+  const int n = n_ - first;
+  const int done = avx2_ ? vresample_row_avx2(s0, s1, b0, b1, out, n) : 0;
+  vresample_row_c(s0 + done, s1 + done, b0, b1, out + done, n - done);
+}
+
+void PlaneResampler::both_passes(int32_t dy, const uint8_t* row0, const uint8_t* row1,
+                                 uint8_t* out) {
+  const int done =
+      resample_rows_avx512_gather3(row0, row1, pixel_ofs_, w_low_, w_high_, row_taps_[dy].w0,
+                                   row_taps_[dy].w1, out, wide_elements_);
+  if (done == n_) return;
+  horizontal(row0, sums_[0], done);
+  horizontal(row1, sums_[1], done);
+  vertical(dy, out, done);
 }
 
 void PlaneResampler::swap_rows(int32_t cached[2]) {

@@ -39,8 +39,8 @@ class PlaneResampler {
                int64_t readable = 0, int32_t out_w = 0, int32_t out_h = 0);
 
   // Produces every output row: source_row(sy) -> const uint8_t* (sw * channels bytes, valid
-  // until the next call), output_row(dy) -> uint8_t* (dw * channels bytes to fill), then
-  // row_done(dy).
+  // until the second call after it: a caller that cuts rows keeps two), output_row(dy) ->
+  // uint8_t* (dw * channels bytes to fill), then row_done(dy).
   // source_address(sy) -> const uint8_t* names where source row sy lies (or null when it is
   // made on demand) so that it can be fetched into the cache one output row ahead.
   template <class SourceRow, class OutputRow, class RowDone, class SourceAddress>
@@ -50,21 +50,29 @@ class PlaneResampler {
     for (int32_t dy = 0; dy < dh_; ++dy) {
       const int32_t sy0 = row_taps_[dy].index;
       const int32_t sy1 = sh_ >= 2 ? sy0 + 1 : sy0;
-      if (dy + 1 < dh_ && row_taps_[dy + 1].index > sy1) {
+      const bool next_reuses = dy + 1 < dh_ && row_taps_[dy + 1].index <= sy1;
+      if (dy + 1 < dh_ && !next_reuses) {
         const int32_t next = row_taps_[dy + 1].index;
         prefetch(source_address(next));
         if (sh_ >= 2) prefetch(source_address(next + 1));
       }
-      if (cached[0] != sy0 && cached[1] == sy0) swap_rows(cached);
-      if (cached[0] != sy0) {
-        horizontal(source_row(sy0), sums_[0]);
-        cached[0] = sy0;
+      if (wide_gather_ && sy1 != sy0 && !next_reuses && cached[0] < sy0 && cached[1] < sy0) {
+        // Two rows that no other output row takes: both passes at once, no sums kept.
+        const uint8_t* row0 = source_row(sy0);
+        both_passes(dy, row0, source_row(sy1), output_row(dy));
+        cached[0] = cached[1] = -1;
+      } else {
+        if (cached[0] != sy0 && cached[1] == sy0) swap_rows(cached);
+        if (cached[0] != sy0) {
+          horizontal(source_row(sy0), sums_[0]);
+          cached[0] = sy0;
+        }
+        if (cached[1] != sy1) {
+          horizontal(source_row(sy1), sums_[1]);
+          cached[1] = sy1;
+        }
+        vertical(dy, output_row(dy));
       }
-      if (cached[1] != sy1) {
-        horizontal(source_row(sy1), sums_[1]);
-        cached[1] = sy1;
-      }
-      vertical(dy, output_row(dy));
       row_done(dy);
     }
   }
@@ -74,8 +82,10 @@ class PlaneResampler {
   void plan_vector_rows(int64_t readable);
   void plan_wide_rows(int64_t readable);
   uint32_t pick(int32_t t0) const;
-  void horizontal(const uint8_t* row, int16_t* out) const;
-  void vertical(int32_t dy, uint8_t* out) const;
+  // Horizontal sums of a row's elements [first, n); first is 0 or where the 512-bit row ends.
+  void horizontal(const uint8_t* row, int16_t* out, int first = 0) const;
+  void vertical(int32_t dy, uint8_t* out, int first = 0) const;
+  void both_passes(int32_t dy, const uint8_t* row0, const uint8_t* row1, uint8_t* out);
   void swap_rows(int32_t cached[2]);
   // Asks for the head of an upcoming row (its first eight cache lines): the hardware's stream
   // prefetcher fetches the rest of a long row once the head is read, while prefetching a

@@ -67,6 +67,12 @@ int hresample_row_avx512_window(const uint8_t* row, const int32_t* base, const u
 int hresample_row_avx512_gather3(const uint8_t* row, const int32_t* pixel_ofs,
                                  const uint16_t* w_low, const uint16_t* w_high, int16_t* out,
                                  int n);
+// Both passes of one output row in the pixel-gather form: the horizontal sums of row0 and row1
+// (as hresample_row_avx512_gather3 makes them), then the vertical step with b0, b1, into n
+// output bytes. Returns n rounded down to whole blocks.
+int resample_rows_avx512_gather3(const uint8_t* row0, const uint8_t* row1, const int32_t* pixel_ofs,
+                                 const uint16_t* w_low, const uint16_t* w_high, int32_t b0,
+                                 int32_t b1, uint8_t* dst, int n);
 // Vertical row.
 int vresample_row_avx2(const int16_t* s0, const int16_t* s1, int32_t b0, int32_t b1, uint8_t* dst,
                        int n);

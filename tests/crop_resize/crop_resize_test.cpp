@@ -114,9 +114,12 @@ TEST(Resample, VariantsMatchTheModelOverShapesStridesAndAlignments) {
       const int spad = static_cast<int>(rng() % 3) * 5, misalign = static_cast<int>(rng() % 4);
       ASSERT_NO_FATAL_FAILURE(expect_model(rng, c, sw, sh, dw, dh, spad, misalign, i % 2));
     }
+    // 3 rows to 2 share the middle row; 7 to 2 take two rows each that no other output row
+    // takes, which the pixel-gather form resamples both ways in one pass.
     for (int sw : {97, 150, 301, 1000})
       for (int dw : {16, 17, 23, 40, 64, 91})
-        ASSERT_NO_FATAL_FAILURE(expect_model(rng, c, sw, 3, dw, 2, 0, 0, false));
+        for (int sh : {3, 7})
+          ASSERT_NO_FATAL_FAILURE(expect_model(rng, c, sw, sh, dw, 2, 0, 0, false));
   }
 }
 
