@@ -134,7 +134,8 @@ int32_t run_job(zarvel_tensor_t* tensor, int64_t item, uint32_t color_type, zarv
 
   // Only the part of the resized region that the item holds is computed.
   const int32_t rows = std::min(size.height, H), cols = std::min(size.width, W);
-  resample::PlaneResampler resampler;
+  // Kept per thread: a stream of same-sized frames and regions builds its tables once.
+  thread_local resample::PlaneResampler resampler;
   RegionRows region(source, roi, ps, nullptr, nullptr);
   status = resampler.init(roi.width, roi.height, size.width, size.height, ps, region.readable(),
                           cols, rows);

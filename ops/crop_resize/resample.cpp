@@ -83,6 +83,9 @@ class Carver {
 
 int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int32_t channels,
                              int64_t readable, int32_t out_w, int32_t out_h) {
+  const int64_t key[9] = {sw, sh, dw, dh, channels, readable, out_w, out_h, cpu_features()};
+  if (block_ && std::equal(key, key + 9, key_)) return kOk;
+  block_.reset();
   const int32_t full_w = dw, full_h = dh;
   if (out_w > 0 && out_w < dw) dw = out_w;
   if (out_h > 0 && out_h < dh) dh = out_h;
@@ -143,6 +146,7 @@ int32_t PlaneResampler::init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int
   // The 256-bit tables serve only what the 512-bit row leaves.
   vector_elements_ = 0;
   if (wide_elements_ < n_) plan_vector_rows(row_bytes);
+  std::copy(key, key + 9, key_);
   return kOk;
 }
 

@@ -35,6 +35,8 @@ class PlaneResampler {
   // geometry is out of range. Sizes must be positive. `out_w` x `out_h` (when positive, at
   // most dw x dh) limits the output to its top-left corner: the scale stays that of dw x dh
   // but only those rows and columns are computed, and the tables are sized for them.
+  // Called again with the same arguments and processor features, it keeps the tables it has,
+  // so a resampler kept for a stream of same-sized frames builds them once.
   int32_t init(int32_t sw, int32_t sh, int32_t dw, int32_t dh, int32_t channels,
                int64_t readable = 0, int32_t out_w = 0, int32_t out_h = 0);
 
@@ -97,6 +99,7 @@ class PlaneResampler {
   }
 
   std::unique_ptr<uint8_t, decltype(&std::free)> block_{nullptr, &std::free};
+  int64_t key_[9] = {};  // the arguments and features the tables were built for
   int32_t sh_ = 0, dh_ = 0, n_ = 0, step_ = 0;
   int64_t source_bytes_ = 0;
   bool avx2_ = false;

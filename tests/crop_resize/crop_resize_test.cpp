@@ -123,6 +123,34 @@ TEST(Resample, VariantsMatchTheModelOverShapesStridesAndAlignments) {
   }
 }
 
+// One resampler initialised again and again, as a stream of frames does: each geometry gets
+// its own tables. Rows end at a guard page, so tables kept from a call that could read past
+// the row fault; a narrower output kept from a wider one overwrites the sentinel.
+TEST(Resample, ReinitialisedResamplerFollowsEachGeometry) {
+  std::mt19937 rng(99);
+  constexpr int kSw = 301, kSh = 3, kDh = 2;
+  rs::PlaneResampler resampler;
+  using Geometry = std::tuple<int, int, int, int>;  // channels, dw, out_w, readable
+  const Geometry geometries[] = {{3, 40, 0, 2048},  {3, 40, 0, 0},  {3, 40, 0, 0},
+                                 {1, 40, 0, 0},     {3, 40, 20, 0}, {3, 40, 0, 0},
+                                 {1, 200, 0, 2048}, {1, 200, 0, 0}};
+  for (const auto& [c, dw, out_w, readable] : geometries) {
+    const int row = kSw * c, stride = readable > 0 ? readable : row;
+    GuardedBuffer src(static_cast<size_t>(stride) * (kSh - 1) + (readable > 0 ? readable : row));
+    std::generate(src.data(), src.data() + src.size(), [&] { return uint8_t(rng()); });
+    const int w = out_w > 0 ? out_w : dw;
+    const auto full = model_resize(src.data(), kSw, kSh, stride, dw, kDh, c);
+    std::vector<uint8_t> out(static_cast<size_t>(dw) * c * kDh, 0xA5), want = out;
+    for (int y = 0; y < kDh; ++y) std::copy_n(&full[y * dw * c], w * c, &want[y * dw * c]);
+    ASSERT_EQ(resampler.init(kSw, kSh, dw, kDh, c, readable, out_w), 0);
+    resampler.run([&](int32_t sy) { return src.data() + static_cast<size_t>(sy) * stride; },
+                  [&](int32_t dy) { return out.data() + static_cast<size_t>(dy) * dw * c; },
+                  [](int32_t) {}, [](int32_t) { return nullptr; });
+    ASSERT_EQ(out, want) << "c" << c << " dw " << dw << " out_w " << out_w << " readable "
+                         << readable;
+  }
+}
+
 za::FramePtr make(uint32_t format, int w, int h) {
   za::FramePtr f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 0));
   fill_pattern(f.get(), 3);
