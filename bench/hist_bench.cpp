@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "frame_api/frame_api.h"
+#include "plugin/cpu_features.h"
 
 #ifdef ZARVEL_BENCH_OPENCV
 #include <opencv2/core.hpp>
@@ -34,7 +35,9 @@ std::vector<uint8_t> make_pixels(bool smooth) {
   return p;
 }
 
-void BM_Zarvel_equalize(benchmark::State& state, bool smooth) {
+// `mask` limits the processor features the kernels may use (~0: all of them).
+void BM_Zarvel_equalize(benchmark::State& state, bool smooth, uint32_t mask) {
+  za::set_cpu_feature_mask(mask);
   const auto pixels = make_pixels(smooth);
   za::FramePtr src(zarvel_frame_alloc(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_GREY, kW, kH, nullptr, 0));
   za::FramePtr dst(zarvel_frame_alloc(ZARVEL_MEM_HOST, ZARVEL_PIXFMT_GREY, kW, kH, nullptr, 0));
@@ -45,9 +48,13 @@ void BM_Zarvel_equalize(benchmark::State& state, bool smooth) {
     benchmark::ClobberMemory();
   }
   state.SetBytesProcessed(state.iterations() * int64_t{kW} * kH);
+  za::set_cpu_feature_mask(~0u);
 }
-BENCHMARK_CAPTURE(BM_Zarvel_equalize, noise, false);
-BENCHMARK_CAPTURE(BM_Zarvel_equalize, smooth, true);
+// The whole kernel, and with the scalar count (the vector mapping stays).
+BENCHMARK_CAPTURE(BM_Zarvel_equalize, noise, false, ~0u);
+BENCHMARK_CAPTURE(BM_Zarvel_equalize, smooth, true, ~0u);
+BENCHMARK_CAPTURE(BM_Zarvel_equalize, noise_scalar_count, false, ~za::kCpuAvx512Bits);
+BENCHMARK_CAPTURE(BM_Zarvel_equalize, smooth_scalar_count, true, ~za::kCpuAvx512Bits);
 
 #ifdef ZARVEL_BENCH_OPENCV
 void BM_OpenCv_equalizeHist(benchmark::State& state, bool smooth) {

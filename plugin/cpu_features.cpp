@@ -34,7 +34,11 @@ uint32_t detect() {
     // opmask and both halves of the 512-bit registers (XCR0 bits 5 to 7).
     const bool avx512 = (ebx & (1u << 16)) != 0 && (ebx & (1u << 30)) != 0 &&
                         (ecx & (1u << 1)) != 0 && (read_xcr0() & 0xe0) == 0xe0;
-    if (fma && avx512) features |= kCpuAvx512Vbmi;
+    if (fma && avx512) {
+      features |= kCpuAvx512Vbmi;
+      // VPOPCNTDQ (ecx bit 14) and GFNI (ecx bit 8).
+      if ((ecx & (1u << 14)) != 0 && (ecx & (1u << 8)) != 0) features |= kCpuAvx512Bits;
+    }
   }
   return features;
 }

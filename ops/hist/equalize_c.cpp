@@ -11,22 +11,9 @@
 namespace zarvel::aux::hist {
 namespace {
 
-// Counts `n` bytes into four sub-histograms in turn: consecutive equal bytes (flat areas)
-// then increment different counters instead of waiting on one another. Each byte is loaded
-// on its own: a load is cheaper than the shift and mask that would extract it from a word,
-// and the increments (a load and a store each) bound the loop either way.
-void count_run(const uint8_t* p, int64_t n, uint32_t sub[4][256]) {
+void count_run(const uint8_t* p, int64_t n, SubHistograms sub) {
   int64_t x = 0;
-  for (; x + 8 <= n; x += 8) {
-    ++sub[0][p[x]];
-    ++sub[1][p[x + 1]];
-    ++sub[2][p[x + 2]];
-    ++sub[3][p[x + 3]];
-    ++sub[0][p[x + 4]];
-    ++sub[1][p[x + 5]];
-    ++sub[2][p[x + 6]];
-    ++sub[3][p[x + 7]];
-  }
+  for (; x + 8 <= n; x += 8) count8(p + x, sub);
   for (; x < n; ++x) ++sub[x & 3][p[x]];
 }
 
@@ -40,13 +27,18 @@ void map_run_c(const uint8_t* s, int64_t n, uint8_t* d, const uint8_t table[256]
 
 void count_histogram(int32_t height, int32_t width, int32_t stride, const uint8_t* src,
                      int32_t hist[256]) {
-  uint32_t sub[4][256];
+  SubHistograms sub;
   std::memset(sub, 0, sizeof sub);
   if (height > 0 && width > 0) {
-    if (stride == width) {
-      count_run(src, int64_t{height} * width, sub);  // contiguous rows: one run
+    // Contiguous rows are one run.
+    const bool contiguous = stride == width;
+    const int64_t run = contiguous ? int64_t{height} * width : width;
+    const int32_t runs = contiguous ? 1 : height;
+    constexpr uint32_t kBits = kCpuAvx512Vbmi | kCpuAvx512Bits;
+    if ((cpu_features() & kBits) == kBits) {
+      count_runs_avx512(src, run, runs, stride, sub);
     } else {
-      for (int32_t y = 0; y < height; ++y) count_run(src + std::ptrdiff_t{y} * stride, width, sub);
+      for (int32_t y = 0; y < runs; ++y) count_run(src + std::ptrdiff_t{y} * stride, run, sub);
     }
   }
   for (int i = 0; i < 256; ++i) {

@@ -1,5 +1,7 @@
 // zarvel_frame_equalize_hist: the cumulative formula on both mapping paths, hand-checked
 // histograms that pin its arithmetic, and the operation's own refusals.
+#include "ops/hist/hist.h"
+
 #include <gtest/gtest.h>
 #include <zarvel/aux.h>
 
@@ -75,6 +77,41 @@ TEST(EqualizeHist, MatchesTheCumulativeFormulaOnVariedImages) {
         ASSERT_EQ(equalize(pixels, w), oracle(pixels))
             << mask << " " << w << "x" << h << " " << kind;
       }
+  }
+}
+
+// The counting pass on its own, scalar and vector, against a plain count: noise and every
+// level in turn over more blocks than the vector counters hold between flushes, a flat plane
+// whose one counter would pass 16 bits without them, and padded rows of many widths whose
+// padding (a level of its own) must not be counted.
+TEST(EqualizeHist, CountsEveryLevelExactly) {
+  std::mt19937 rng(5);
+  struct Plane {
+    int w, h, stride;
+    std::vector<uint8_t> bytes;
+  };
+  std::vector<Plane> planes;
+  auto add = [&](int w, int h, int stride, auto level) {
+    Plane p{w, h, stride, std::vector<uint8_t>(static_cast<size_t>(stride) * h, 7)};
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) p.bytes[static_cast<size_t>(y) * stride + x] = level(x, y);
+    planes.push_back(std::move(p));
+  };
+  add(1920, 80, 1920, [&](int, int) { return uint8_t(rng()); });
+  add(1280, 120, 1280, [](int x, int y) { return uint8_t(x + 3 * y); });
+  add(1100, 140, 1100, [](int, int) { return uint8_t(200); });
+  for (int w : {1, 7, 63, 64, 65, 127, 128, 129, 255, 300})
+    add(w, 9, w + 13, [&](int, int) { return uint8_t(rng() % 7 == 0 ? 7 : rng()); });
+  for (const auto& p : planes) {
+    std::array<int32_t, 256> want{};
+    for (int y = 0; y < p.h; ++y)
+      for (int x = 0; x < p.w; ++x) ++want[p.bytes[static_cast<size_t>(y) * p.stride + x]];
+    for (uint32_t mask : {0u, ~0u}) {
+      FeatureMask features(mask);
+      std::array<int32_t, 256> got{};
+      za::hist::count_histogram(p.h, p.w, p.stride, p.bytes.data(), got.data());
+      ASSERT_EQ(got, want) << mask << " " << p.w << "x" << p.h << " stride " << p.stride;
+    }
   }
 }
 

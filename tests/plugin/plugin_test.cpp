@@ -33,12 +33,14 @@ TEST(Identity, NamesVersionAndBanner) {
 
 TEST(CpuFeatures, MaskFiltersTheDetectedWord) {
   const uint32_t all = za::cpu_features();
-  // Each bit implies the narrower ones (AVX-512 needs FMA-256, FMA-256 needs AVX2, AVX2 needs
-  // AVX); no others are set.
-  EXPECT_TRUE((!(all & za::kCpuAvx512Vbmi) || (all & za::kCpuAvx2Fma)) &&
+  // Each bit implies the narrower ones (the 512-bit counts need VBMI, AVX-512 needs FMA-256,
+  // FMA-256 needs AVX2, AVX2 needs AVX); no others are set.
+  EXPECT_TRUE((!(all & za::kCpuAvx512Bits) || (all & za::kCpuAvx512Vbmi)) &&
+              (!(all & za::kCpuAvx512Vbmi) || (all & za::kCpuAvx2Fma)) &&
               (!(all & za::kCpuAvx2Fma) || (all & za::kCpuAvx2)) &&
               (!(all & za::kCpuAvx2) || (all & za::kCpuAvx)) &&
-              !(all & ~(za::kCpuAvx | za::kCpuAvx2 | za::kCpuAvx2Fma | za::kCpuAvx512Vbmi)));
+              !(all & ~(za::kCpuAvx | za::kCpuAvx2 | za::kCpuAvx2Fma | za::kCpuAvx512Vbmi |
+                        za::kCpuAvx512Bits)));
   for (uint32_t mask : {0u, za::kCpuAvx, ~0u}) {
     za::set_cpu_feature_mask(mask);
     EXPECT_EQ(za::cpu_features(), all & mask);
