@@ -36,8 +36,10 @@ uint32_t detect() {
                         (ecx & (1u << 1)) != 0 && (read_xcr0() & 0xe0) == 0xe0;
     if (fma && avx512) {
       features |= kCpuAvx512Vbmi;
-      // VPOPCNTDQ (ecx bit 14) and GFNI (ecx bit 8).
-      if ((ecx & (1u << 14)) != 0 && (ecx & (1u << 8)) != 0) features |= kCpuAvx512Bits;
+      // VPOPCNTDQ (ecx bit 14), IFMA (ebx bit 21) and GFNI (ecx bit 8).
+      if ((ecx & (1u << 14)) != 0 && (ebx & (1u << 21)) != 0 && (ecx & (1u << 8)) != 0) {
+        features |= kCpuAvx512Bits;
+      }
     }
   }
   return features;

@@ -11,8 +11,8 @@ inline constexpr uint32_t kCpuAvx2 = 0x40;      // 256-bit integer multiply and 
 inline constexpr uint32_t kCpuAvx2Fma = 0x100;  // 256-bit fused multiply-add usable
 // 512-bit byte permutes usable (AVX-512 F, BW and VBMI; implies the bits above).
 inline constexpr uint32_t kCpuAvx512Vbmi = 0x200;
-// 512-bit population counts (VPOPCNTDQ) and bit-matrix transforms (GFNI) usable, with the bit
-// above.
+// 512-bit population counts (VPOPCNTDQ), 52-bit multiply-adds (IFMA) and bit-matrix
+// transforms (GFNI) usable, with the bit above.
 inline constexpr uint32_t kCpuAvx512Bits = 0x400;
 
 // Features of this processor and operating system, filtered by the test mask.

@@ -1,5 +1,5 @@
-// 512-bit counting of the equalisation histogram (needs AVX-512 F, BW, VBMI, VPOPCNTDQ and
-// GFNI). Built with its own flags, outside LTO.
+// 512-bit counting of the equalisation histogram (needs AVX-512 F, BW, VBMI, VPOPCNTDQ, IFMA
+// and GFNI). Built with its own flags, outside LTO.
 //
 // The scalar count is bound by its stores: one counter increment a byte. This kernel splits
 // each 128 bytes of a run in two: the first 64 are counted in vector registers with no stores
@@ -8,8 +8,8 @@
 // Vector count of 64 bytes: an 8x8 bit transpose (a GF(2) affine transform with the bytes as
 // the matrix) and a byte permute give plane i, bit i of all 64 bytes, as qword i of P. The 64-bit
 // mask of the bytes equal to a level v is the AND of the eight planes, each inverted where v has
-// a 0 bit. Writing v = 32a + 4b + c: T holds in lane a the mask of the top three bits, M in lane
-// b that of the middle three, and L0..L3 (all lanes) those of c. Then for each a, the lanes of
+// a 0 bit. Writing v = 32a + 4b + c: T[a] (all lanes) is the mask of the top three bits, M
+// holds in lane b that of the middle three, and L0..L3 (all lanes) those of c. Then the lanes of
 // T[a] & M & Lc are the masks of levels 32a + 4b + c for the eight b, and their population
 // counts (at most 64) go into 16-bit field c of lane b of accumulator a: the 32 counters of
 // accumulator a are words 0..31 in level order. Before any field could pass 65535 the
@@ -17,6 +17,7 @@
 #include <immintrin.h>
 
 #include <cstdint>
+#include <utility>
 
 // GCC 12 takes the deliberately undefined pass-through register of some unmasked 512-bit
 // intrinsics for an uninitialised variable once they are inlined here.
@@ -65,6 +66,24 @@ inline void flush(__m512i acc[8], uint32_t* sub) {
   }
 }
 
+// Adds to acc the counts of levels 32A + 4b + c (lane b, field c) among 64 bytes whose planes
+// 7, 6 and 5 are broadcast in b7, b6 and b5. A three-input logic immediate of 1 << A keeps
+// minterm A of its inputs: the mask of the bytes whose top three bits are A, in every lane.
+template <int A>
+inline __m512i add_counts(__m512i acc, __m512i b7, __m512i b6, __m512i b5, __m512i middle,
+                          const __m512i low[4]) {
+  const __m512i top = _mm512_ternarylogic_epi64(b7, b6, b5, 1 << A);
+  auto count = [&](int c) {
+    return _mm512_popcnt_epi64(_mm512_ternarylogic_epi64(top, middle, low[c], 0x80));  // AND
+  };
+  // Fields 1 and 2 by 52-bit multiply-adds (a count times 2^32 stays below 2^52), field 3 by a
+  // shift: one operation a field fewer than shifting and adding.
+  acc = _mm512_add_epi64(acc, count(0));
+  acc = _mm512_madd52lo_epu64(acc, count(1), _mm512_set1_epi64(int64_t{1} << 16));
+  acc = _mm512_madd52lo_epu64(acc, count(2), _mm512_set1_epi64(int64_t{1} << 32));
+  return _mm512_add_epi64(acc, _mm512_slli_epi64(count(3), 48));
+}
+
 }  // namespace
 
 void count_runs_avx512(const uint8_t* src, int64_t run, int32_t runs, int64_t stride,
@@ -89,23 +108,16 @@ void count_runs_avx512(const uint8_t* src, int64_t run, int32_t runs, int64_t st
       const __m512i bytes = _mm512_loadu_si512(p + x);
       const __m512i planes =
           _mm512_permutexvar_epi8(plane_order, _mm512_gf2p8affine_epi64_epi8(transpose, bytes, 0));
-      const __m512i top = select3(lane(planes, 7), lane(planes, 6), lane(planes, 5));
+      const __m512i b7 = lane(planes, 7), b6 = lane(planes, 6), b5 = lane(planes, 5);
       const __m512i middle = select3(lane(planes, 4), lane(planes, 3), lane(planes, 2));
       const __m512i p1 = lane(planes, 1), p0 = lane(planes, 0);
       const __m512i low[4] = {_mm512_ternarylogic_epi64(p1, p0, p0, 0x03),  // NOR
                               _mm512_andnot_si512(p1, p0), _mm512_andnot_si512(p0, p1),
                               _mm512_and_si512(p1, p0)};
-#pragma GCC unroll 8
-      for (int a = 0; a < 8; ++a) {
-        const __m512i tm = _mm512_and_si512(lane(top, a), middle);
-        __m512i fields = _mm512_popcnt_epi64(_mm512_and_si512(tm, low[0]));
-#pragma GCC unroll 3
-        for (int c = 1; c < 4; ++c) {
-          const __m512i count = _mm512_popcnt_epi64(_mm512_and_si512(tm, low[c]));
-          fields = _mm512_add_epi64(fields, _mm512_slli_epi64(count, 16 * c));
-        }
-        acc[a] = _mm512_add_epi64(acc[a], fields);
+      [&]<int... A>(std::integer_sequence<int, A...>) {
+        ((acc[A] = add_counts<A>(acc[A], b7, b6, b5, middle, low)), ...);
       }
+      (std::make_integer_sequence<int, 8>{});
       if (++blocks == kFlushBlocks) {
         flush(acc, sub[0]);
         blocks = 0;
