@@ -84,6 +84,12 @@ int32_t ItemWriter::init(zarvel_tensor_t* tensor, int64_t offset, uint32_t color
     r_byte_ = format == ZARVEL_PIXFMT_RGB24 ? 0 : 2;
     mean_ = mean[1];
     std_ = std[1];
+    grey_recip_ = 0.0f;
+    float recip = 0.0f;
+    if (kind_ == Kind::kGrey && f32_ && !(mean_ == 0.0f && std_ == 1.0f) &&
+        to_tensor::grey_reciprocal_exact(mean_, std_, &recip)) {
+      grey_recip_ = recip;
+    }
     pad_f32_[0] = pad[1];
     pad_u8_[0] = to_tensor::low_byte_of_trunc(pad[1]);
   } else {
@@ -140,7 +146,7 @@ void ItemWriter::samples(const uint8_t* src, int64_t n, int64_t at) {
   if (f32_) {
     float* dst = plane<float>(0) + at;
     if (kind_ == Kind::kGrey) {
-      to_tensor::grey_f32_row(kernels_, src, n, dst, mean_, std_);
+      to_tensor::grey_f32_row(kernels_, src, n, dst, mean_, std_, grey_recip_);
     } else {
       to_tensor::luma_f32_row(kernels_, src, n, r_byte_, dst, mean_, std_);
     }

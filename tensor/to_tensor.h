@@ -49,6 +49,7 @@ class ItemWriter {
   int plane_of_byte_[3] = {0, 1, 2};
   float byte_mean_[3] = {}, byte_recip_[3] = {};
   float mean_ = 0.0f, std_ = 1.0f;
+  float grey_recip_ = 0.0f;  // 1 / std where it gives every grey sample exactly, else 0
   float pad_f32_[3] = {};
   uint8_t pad_u8_[3] = {};
   to_tensor::BlockKernels kernels_{};

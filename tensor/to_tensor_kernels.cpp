@@ -2,6 +2,9 @@
 // chosen blocks and the scalar tail.
 #include "tensor/to_tensor_kernels.h"
 
+#include <cmath>
+#include <cstring>
+
 #include "plugin/cpu_features.h"
 
 namespace zarvel::aux::to_tensor {
@@ -15,16 +18,35 @@ int64_t no_packed_u8(const uint8_t*, int64_t, uint8_t* const[3]) { return 0; }
 int64_t no_luma_f32(const uint8_t*, int64_t, int, float*, float, float) { return 0; }
 int64_t no_luma_u8(const uint8_t*, int64_t, int, uint8_t*) { return 0; }
 int64_t no_grey_f32(const uint8_t*, int64_t, float*, float, float) { return 0; }
+int64_t no_grey_f32_recip(const uint8_t*, int64_t, float*, float, float, float) { return 0; }
 
 }  // namespace
 
 BlockKernels select_block_kernels() {
   const uint32_t features = cpu_features();
+  const bool avx512 = (features & kCpuAvx512Vbmi) != 0;
   if (features & kCpuAvx2) {
-    return {(features & kCpuAvx512Vbmi) ? packed_f32_blocks_avx512 : packed_f32_blocks_avx2,
-            packed_u8_blocks_avx2, luma_f32_blocks_avx2, luma_u8_blocks_avx2, grey_f32_blocks_avx2};
+    return {avx512 ? packed_f32_blocks_avx512 : packed_f32_blocks_avx2,
+            packed_u8_blocks_avx2,
+            luma_f32_blocks_avx2,
+            luma_u8_blocks_avx2,
+            grey_f32_blocks_avx2,
+            avx512 ? grey_f32_recip_blocks_avx512 : no_grey_f32_recip};
   }
-  return {no_packed_f32, no_packed_u8, no_luma_f32, no_luma_u8, no_grey_f32};
+  return {no_packed_f32, no_packed_u8, no_luma_f32, no_luma_u8, no_grey_f32, no_grey_f32_recip};
+}
+
+bool grey_reciprocal_exact(float mean, float std, float* recip) {
+  const float r = 1.0f / std;
+  *recip = r;
+  for (int v = 0; v < 256; ++v) {
+    const float d = static_cast<float>(v) - mean;
+    const float q = d * r;
+    const float fast = std::fmaf(std::fmaf(-q, std, d), r, q);
+    const float exact = d / std;
+    if (std::memcmp(&fast, &exact, sizeof fast) != 0) return false;
+  }
+  return true;
 }
 
 void packed_f32_row(const BlockKernels& k, const uint8_t* src, int64_t n, float* const dst[3],
@@ -53,8 +75,9 @@ void luma_u8_row(const BlockKernels& k, const uint8_t* src, int64_t n, int r_byt
 }
 
 void grey_f32_row(const BlockKernels& k, const uint8_t* src, int64_t n, float* dst, float mean,
-                  float std) {
-  const int64_t done = k.grey_f32(src, n, dst, mean, std);
+                  float std, float recip) {
+  const int64_t done = recip != 0.0f ? k.grey_f32_recip(src, n, dst, mean, std, recip)
+                                     : k.grey_f32(src, n, dst, mean, std);
   grey_f32_row_c(src + done, n - done, dst + done, mean, std);
 }
 

@@ -60,10 +60,20 @@ int64_t luma_f32_blocks_avx2(const uint8_t* src, int64_t n, int r_byte, float* d
 int64_t luma_u8_blocks_avx2(const uint8_t* src, int64_t n, int r_byte, uint8_t* dst);
 int64_t grey_f32_blocks_avx2(const uint8_t* src, int64_t n, float* dst, float mean, float std);
 
-// ---- AVX-512 VBMI block (to_tensor_kernels_avx512.cpp): 16 pixels a step ----
+// ---- AVX-512 VBMI blocks (to_tensor_kernels_avx512.cpp): 16 pixels a step ----
 
 int64_t packed_f32_blocks_avx512(const uint8_t* src, int64_t n, float* const dst[3],
                                  const float mean[3], const float recip[3]);
+// GREY bytes into float samples without a division: d = v - mean, q = d * recip, then
+// q + (d - q * std) * recip with both steps fused. Serves only where grey_reciprocal_exact
+// said yes, and then gives grey_f32_row_c's samples.
+int64_t grey_f32_recip_blocks_avx512(const uint8_t* src, int64_t n, float* dst, float mean,
+                                     float std, float recip);
+
+// Whether the division-free form above equals (v - mean) / std, bit for bit, for every byte
+// v: an exhaustive check of the 256 inputs, so a float division (the slowest step of the grey
+// row) can be left out. `recip` receives 1 / std.
+bool grey_reciprocal_exact(float mean, float std, float* recip);
 
 // ---- the blocks chosen for this processor (to_tensor_kernels.cpp) ----
 
@@ -73,6 +83,7 @@ struct BlockKernels {
   int64_t (*luma_f32)(const uint8_t*, int64_t, int, float*, float, float);
   int64_t (*luma_u8)(const uint8_t*, int64_t, int, uint8_t*);
   int64_t (*grey_f32)(const uint8_t*, int64_t, float*, float, float);
+  int64_t (*grey_f32_recip)(const uint8_t*, int64_t, float*, float, float, float);
 };
 
 // AVX2 blocks when the feature word has kCpuAvx2, else blocks that do nothing.
@@ -86,7 +97,8 @@ void packed_u8_row(const BlockKernels& k, const uint8_t* src, int64_t n, uint8_t
 void luma_f32_row(const BlockKernels& k, const uint8_t* src, int64_t n, int r_byte, float* dst,
                   float mean, float std);
 void luma_u8_row(const BlockKernels& k, const uint8_t* src, int64_t n, int r_byte, uint8_t* dst);
+// `recip` is 0, or the reciprocal for which grey_reciprocal_exact said yes.
 void grey_f32_row(const BlockKernels& k, const uint8_t* src, int64_t n, float* dst, float mean,
-                  float std);
+                  float std, float recip = 0.0f);
 
 }  // namespace zarvel::aux::to_tensor

@@ -39,4 +39,17 @@ int64_t packed_f32_blocks_avx512(const uint8_t* src, int64_t n, float* const dst
   return blocks;
 }
 
+int64_t grey_f32_recip_blocks_avx512(const uint8_t* src, int64_t n, float* dst, float mean,
+                                     float std, float recip) {
+  const int64_t blocks = n / 16 * 16;
+  const __m512 m = _mm512_set1_ps(mean), s = _mm512_set1_ps(std), r = _mm512_set1_ps(recip);
+  for (int64_t x = 0; x < blocks; x += 16) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + x));
+    const __m512 d = _mm512_sub_ps(_mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(bytes)), m);
+    const __m512 q = _mm512_mul_ps(d, r);
+    _mm512_storeu_ps(dst + x, _mm512_fmadd_ps(_mm512_fnmadd_ps(q, s, d), r, q));
+  }
+  return blocks;
+}
+
 }  // namespace zarvel::aux::to_tensor

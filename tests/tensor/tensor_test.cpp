@@ -245,11 +245,42 @@ TEST(ToTensorKernels, VectorRowsEqualScalarRows) {
           });
         same_rows<float>(k, n, 1,
                          [&](auto& b, auto d) { tt::grey_f32_row(b, src, n, d[0], m[0], s[0]); });
+        if (float rc; tt::grey_reciprocal_exact(m[0], s[0], &rc))
+          same_rows<float>(
+              k, n, 1, [&](auto& b, auto d) { tt::grey_f32_row(b, src, n, d[0], m[0], s[0], rc); });
       }
       same_rows<uint8_t>(
           k, n, 1, [&](auto& b, auto d) { tt::luma_u8_row(b, src, n, start == 1 ? 2 : 0, d[0]); });
     }
   }
+}
+
+// The division-free grey row against the division, on every byte, wherever the exhaustive
+// check allows it: normalisation parameters on both the 0..255 and the unit scale, and an
+// extreme deviation whose reciprocal overflows, which the check must refuse.
+TEST(ToTensorKernels, GreyRowWithoutDivisionOnEveryByte) {
+  tt::BlockKernels k[2];
+  if (!block_kernels(k)) GTEST_SKIP() << "no AVX2";
+  std::vector<uint8_t> src(3 * 256);
+  for (size_t i = 0; i < src.size(); ++i) src[i] = static_cast<uint8_t>(i * 7);
+  int exact = 0;
+  for (auto [m, s] : {std::pair{123.675f, 58.395f},
+                      {116.28f, 57.12f},
+                      {103.53f, 57.375f},
+                      {127.5f, 127.5f},
+                      {0.485f, 0.229f},
+                      {0.0f, 255.0f},
+                      {-3.0f, 1e-3f}}) {
+    float rc = 0.0f;
+    if (!tt::grey_reciprocal_exact(m, s, &rc)) continue;
+    ++exact;
+    same_rows<float>(k, static_cast<int64_t>(src.size()), 1, [&](auto& b, auto d) {
+      tt::grey_f32_row(b, src.data(), static_cast<int64_t>(src.size()), d[0], m, s, rc);
+    });
+  }
+  EXPECT_GT(exact, 0);
+  float rc = 0.0f;
+  EXPECT_FALSE(tt::grey_reciprocal_exact(10.0f, 1e-39f, &rc));
 }
 
 // Every RGB triple, red byte first; BGR order only moves the red byte, covered above.
