@@ -39,14 +39,23 @@ BlockKernels select_block_kernels() {
 bool grey_reciprocal_exact(float mean, float std, float* recip) {
   const float r = 1.0f / std;
   *recip = r;
-  for (int v = 0; v < 256; ++v) {
+  // The last answer, per thread: a batch of many small items asks with the same parameters,
+  // and the check costs about a microsecond.
+  thread_local float last[2] = {std::nanf(""), std::nanf("")};
+  thread_local bool last_answer = false;
+  const float asked[2] = {mean, std};
+  if (std::memcmp(asked, last, sizeof last) == 0) return last_answer;
+  bool exact = true;
+  for (int v = 0; v < 256 && exact; ++v) {
     const float d = static_cast<float>(v) - mean;
     const float q = d * r;
     const float fast = std::fmaf(std::fmaf(-q, std, d), r, q);
-    const float exact = d / std;
-    if (std::memcmp(&fast, &exact, sizeof fast) != 0) return false;
+    const float quotient = d / std;
+    exact = std::memcmp(&fast, &quotient, sizeof fast) == 0;
   }
-  return true;
+  std::memcpy(last, asked, sizeof last);
+  last_answer = exact;
+  return exact;
 }
 
 void packed_f32_row(const BlockKernels& k, const uint8_t* src, int64_t n, float* const dst[3],
