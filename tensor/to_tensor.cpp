@@ -87,6 +87,7 @@ int32_t ItemWriter::init(zarvel_tensor_t* tensor, int64_t offset, uint32_t color
     grey_recip_ = 0.0f;
     float recip = 0.0f;
     if (kind_ == Kind::kGrey && f32_ && !(mean_ == 0.0f && std_ == 1.0f) &&
+        kernels_.grey_f32_recip != nullptr &&
         to_tensor::grey_reciprocal_exact(mean_, std_, &recip)) {
       grey_recip_ = recip;
     }

@@ -5,6 +5,10 @@
 #include <cmath>
 #include <cstring>
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
 #include "plugin/cpu_features.h"
 
 namespace zarvel::aux::to_tensor {
@@ -18,7 +22,15 @@ int64_t no_packed_u8(const uint8_t*, int64_t, uint8_t* const[3]) { return 0; }
 int64_t no_luma_f32(const uint8_t*, int64_t, int, float*, float, float) { return 0; }
 int64_t no_luma_u8(const uint8_t*, int64_t, int, uint8_t*) { return 0; }
 int64_t no_grey_f32(const uint8_t*, int64_t, float*, float, float) { return 0; }
-int64_t no_grey_f32_recip(const uint8_t*, int64_t, float*, float, float, float) { return 0; }
+
+// The SSE control word without its exception flags (0 off x86).
+uint32_t control_word() {
+#if defined(__x86_64__) || defined(__i386__)
+  return _mm_getcsr() & ~0x3Fu;
+#else
+  return 0;
+#endif
+}
 
 }  // namespace
 
@@ -31,9 +43,9 @@ BlockKernels select_block_kernels() {
             luma_f32_blocks_avx2,
             luma_u8_blocks_avx2,
             grey_f32_blocks_avx2,
-            avx512 ? grey_f32_recip_blocks_avx512 : no_grey_f32_recip};
+            avx512 ? grey_f32_recip_blocks_avx512 : nullptr};
   }
-  return {no_packed_f32, no_packed_u8, no_luma_f32, no_luma_u8, no_grey_f32, no_grey_f32_recip};
+  return {no_packed_f32, no_packed_u8, no_luma_f32, no_luma_u8, no_grey_f32, nullptr};
 }
 
 bool grey_reciprocal_exact(float mean, float std, float* recip) {
@@ -41,9 +53,13 @@ bool grey_reciprocal_exact(float mean, float std, float* recip) {
   *recip = r;
   // The last answer, per thread: a batch of many small items asks with the same parameters,
   // and the check costs about a microsecond.
-  thread_local float last[2] = {std::nanf(""), std::nanf("")};
+  // The floating-point control word is part of the question: rounding and flush-to-zero modes
+  // change the answer. Its sticky exception flags (bits 0 to 5) are not.
+  thread_local uint32_t last[3] = {~0u, ~0u, ~0u};
   thread_local bool last_answer = false;
-  const float asked[2] = {mean, std};
+  uint32_t asked[3] = {0, 0, control_word()};
+  std::memcpy(&asked[0], &mean, sizeof mean);
+  std::memcpy(&asked[1], &std, sizeof std);
   if (std::memcmp(asked, last, sizeof last) == 0) return last_answer;
   bool exact = true;
   for (int v = 0; v < 256 && exact; ++v) {
@@ -85,8 +101,9 @@ void luma_u8_row(const BlockKernels& k, const uint8_t* src, int64_t n, int r_byt
 
 void grey_f32_row(const BlockKernels& k, const uint8_t* src, int64_t n, float* dst, float mean,
                   float std, float recip) {
-  const int64_t done = recip != 0.0f ? k.grey_f32_recip(src, n, dst, mean, std, recip)
-                                     : k.grey_f32(src, n, dst, mean, std);
+  const int64_t done = recip != 0.0f && k.grey_f32_recip != nullptr
+                           ? k.grey_f32_recip(src, n, dst, mean, std, recip)
+                           : k.grey_f32(src, n, dst, mean, std);
   grey_f32_row_c(src + done, n - done, dst + done, mean, std);
 }
 

@@ -83,6 +83,7 @@ struct BlockKernels {
   int64_t (*luma_f32)(const uint8_t*, int64_t, int, float*, float, float);
   int64_t (*luma_u8)(const uint8_t*, int64_t, int, uint8_t*);
   int64_t (*grey_f32)(const uint8_t*, int64_t, float*, float, float);
+  // Null where the processor has no division-free grey block.
   int64_t (*grey_f32_recip)(const uint8_t*, int64_t, float*, float, float, float);
 };
 

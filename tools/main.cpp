@@ -10,8 +10,8 @@ namespace zarvel::tool {
 namespace {
 
 // The processor-feature word as the library computes it: 0x1 VEX 128-bit usable, 0x40 AVX2,
-// 0x100 AVX2 with FMA, 0x200 AVX-512 F, BW and VBMI. The tool reaches only the public
-// interface, so it asks cpuid itself.
+// 0x100 AVX2 with FMA, 0x200 AVX-512 F, BW and VBMI, 0x400 with VPOPCNTDQ, IFMA and GFNI too.
+// The tool reaches only the public interface, so it asks cpuid itself.
 uint32_t feature_word() {
 #if defined(__x86_64__) || defined(__i386__)
   __builtin_cpu_init();
@@ -22,6 +22,10 @@ uint32_t feature_word() {
   if ((word & 0x100) && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
       __builtin_cpu_supports("avx512vbmi")) {
     word |= 0x200;
+    if (__builtin_cpu_supports("avx512vpopcntdq") && __builtin_cpu_supports("avx512ifma") &&
+        __builtin_cpu_supports("gfni")) {
+      word |= 0x400;
+    }
   }
   return word;
 #else
@@ -36,10 +40,11 @@ void info() {
   std::printf("Device       : %s\n", zarvel_device_get_name());
   std::printf(
       "Features     : 0x%x (0x1 AVX %s, 0x40 AVX2 %s, 0x100 AVX2+FMA %s, 0x200 AVX-512 VBMI "
-      "%s)\n\n",
-      word, yes(0x1), yes(0x40), yes(0x100), yes(0x200));
+      "%s, 0x400 AVX-512 VPOPCNTDQ+IFMA+GFNI %s)\n\n",
+      word, yes(0x1), yes(0x40), yes(0x100), yes(0x200), yes(0x400));
   // The variant each family's dispatcher picks from that word.
   const bool avx = word & 0x1, avx2 = word & 0x40, fma = word & 0x100, vbmi = word & 0x200;
+  const bool counts = word & 0x400;
   const struct {
     const char* family;
     const char* variant;
@@ -55,8 +60,13 @@ void info() {
                  : avx ? "SSSE3 (VEX)"
                        : "scalar"},
       {"warp", fma ? "AVX2+FMA" : "scalar"},
-      {"equalize", vbmi ? "AVX-512 VBMI" : (avx2 ? "AVX2" : "scalar")},
-      {"tensor", avx2 ? "AVX2" : "scalar"},
+      {"equalize", counts ? "AVX-512 VBMI mapping, half of the count in registers"
+                   : vbmi ? "AVX-512 VBMI mapping"
+                   : avx2 ? "AVX2 mapping"
+                          : "scalar"},
+      {"tensor", vbmi   ? "AVX-512 colour and grey float rows, AVX2"
+                 : avx2 ? "AVX2"
+                        : "scalar"},
   };
   std::printf("Kernels:\n");
   for (const auto& f : kFamilies) std::printf("  %-10s %s\n", f.family, f.variant);

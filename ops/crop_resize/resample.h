@@ -61,7 +61,8 @@ class PlaneResampler {
       if (wide_gather_ && sy1 != sy0 && !next_reuses && cached[0] < sy0 && cached[1] < sy0) {
         // Two rows that no other output row takes: both passes at once, no sums kept.
         const uint8_t* row0 = source_row(sy0);
-        both_passes(dy, row0, source_row(sy1), output_row(dy));
+        const uint8_t* row1 = source_row(sy1);
+        both_passes(dy, row0, row1, output_row(dy));
         cached[0] = cached[1] = -1;
       } else {
         if (cached[0] != sy0 && cached[1] == sy0) swap_rows(cached);

@@ -28,7 +28,7 @@ inline void count8(const uint8_t* p, SubHistograms sub) {
 }  // namespace
 
 // Adds the levels of `runs` runs of `run` bytes, `stride` bytes apart, to `sub`. 512-bit
-// variant (needs AVX-512 F, BW, VBMI, VPOPCNTDQ and GFNI).
+// variant (needs AVX-512 F, BW, VBMI, VPOPCNTDQ, IFMA and GFNI).
 void count_runs_avx512(const uint8_t* src, int64_t run, int32_t runs, int64_t stride,
                        SubHistograms sub);
 

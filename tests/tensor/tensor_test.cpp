@@ -385,6 +385,32 @@ TEST(TransformToTensor, FusedEqualsComposed) {
   }
 }
 
+// Wide regions partly outside the frame (left and top, so every row is cut) reduced about 12x
+// both ways to 48 columns: the 3-channel pixel-gather rows, with both source rows of each
+// output row taken in one pass from the two cut rows.
+TEST(TransformToTensor, StronglyReducedCutRegionsEqualComposed) {
+  std::mt19937 rng(77);
+  const float mean[3] = {1, 2, 3}, std[3] = {4, 5, 6}, pads[3] = {0, 0, 0};
+  auto frame = random_frame(rng, ZARVEL_PIXFMT_BGR24, 600, 90);
+  zarvel_frame_t* frames[1] = {frame.get()};
+  for (const Area2D roi : {Area2D{-100, -20, 560, 100}, Area2D{40, -7, 555, 97}}) {
+    for (uint32_t mask : {0u, ~0u}) {
+      FeatureMask features(mask);
+      TensorPtr fused = host_tensor(ZARVEL_ELEM_F32, 1, 3, 8, 48);
+      TensorPtr composed = host_tensor(ZARVEL_ELEM_F32, 1, 3, 8, 48);
+      float sy = 0, sx = 0;
+      Scratch scratch(16);
+      ASSERT_EQ(zarvel_frame_transform_to_tensor_batch(fused.get(), 0, 1, frames, &roi, 1, mean,
+                                                       std, pads, &scratch.slot, &sy, &sx),
+                0);
+      compose(composed.get(), 0, 0, frame.get(), roi,
+              {int(std::lround(roi.width / double(sx))), int(std::lround(roi.height / double(sy)))},
+              mean, std, pads);
+      ASSERT_EQ(bytes_of(fused.get()), bytes_of(composed.get())) << roi.x << " " << mask;
+    }
+  }
+}
+
 // Through the option record: resize mode matches the composed path (the second item is
 // larger than the tensor and is clipped as to-tensor clips); frame_count 0 writes nothing; the
 // identity warp gives the frame itself in both items, here its 16x12 corner (the vector
