@@ -171,18 +171,48 @@ class FileBytes {
   size_t size_ = 0;
 };
 
-// stb_image 2.27 trusts the symbol counts of a JPEG Huffman table (DHT): counts adding up to
-// more than 256 make it write past its tables. Walk every marker segment of a JPEG stream the
+// Whether the components of a scan (SOS) use only Huffman tables defined before it. A scan
+// of a progressive frame reads its DC table in the first DC pass only, its AC table in every
+// AC pass; a sequential scan reads both. Headers that end early or name a table the decoder
+// refuses pass: it stops on them itself.
+template <class Bytes>
+bool scan_tables_defined(Bytes& in, int64_t* left, bool progressive, const bool (&defined)[2][4]) {
+  const int count = in.get();
+  if (count < 0) return true;
+  int tables[4] = {};
+  for (int k = 0; k < count && k < 4; ++k) {
+    if (in.get() < 0) return true;
+    tables[k] = in.get();
+    if (tables[k] < 0) return true;
+  }
+  const int start = in.get(), end = in.get(), approx = in.get();
+  if (count > 4 || start < 0 || end < 0 || approx < 0) return true;
+  *left -= 1 + 2 * count + 3;
+  const bool dc = !progressive || (start == 0 && (approx >> 4) == 0);
+  const bool ac = !progressive || start != 0;
+  for (int k = 0; k < count; ++k) {
+    const int dc_id = tables[k] >> 4, ac_id = tables[k] & 15;
+    if (dc_id > 3 || ac_id > 3) return true;
+    if ((dc && !defined[0][dc_id]) || (ac && !defined[1][ac_id])) return false;
+  }
+  return true;
+}
+
+// stb_image 2.27 trusts a JPEG stream's Huffman tables (DHT): counts adding up to more than
+// 256 symbols make it write past its tables, and a scan using a table no DHT defined makes it
+// decode from uninitialised memory and index past its arrays. Walk every marker segment the
 // way the decoder does (segments skipped by their length, entropy-coded data skipped up to the
-// next marker) and refuse the stream if any table declares more than 256 symbols. Streams that
-// are not JPEG, or end early, pass: the decoder stops on them by itself. The stream's first
-// byte (0xFF) has been read.
+// next marker) and refuse the stream on either. Streams that are not JPEG, or end early, pass:
+// the decoder stops on them by itself. (A Motion-JPEG frame without tables is refused too.)
+// The stream's first byte (0xFF) has been read.
 template <class Bytes>
 bool jpeg_tables_fit(Bytes& in) {
   // The decoder takes any run of 0xFF fill bytes before the start-of-image marker.
   int first = in.get();
   while (first == 0xFF) first = in.get();
   if (first != 0xD8) return true;
+  bool progressive = false;
+  bool defined[2][4] = {};  // [DC, AC][table id] seen so far
   for (;;) {
     if (!in.pass_next_ff()) return true;
     int marker = in.get();
@@ -196,12 +226,18 @@ bool jpeg_tables_fit(Bytes& in) {
     if (lo < 0) return true;
     int64_t left = (hi << 8 | lo) - 2;
     if (left < 0) return true;
+    if (marker == 0xDA) {
+      if (!scan_tables_defined(in, &left, progressive, defined)) return false;
+    } else if (marker == 0xC0 || marker == 0xC1 || marker == 0xC2) {
+      progressive = marker == 0xC2;
+    }
     if (marker != 0xC4) {
-      if (!in.skip(left)) return true;
+      if (left > 0 && !in.skip(left)) return true;
       continue;
     }
     while (left > 0) {  // as the decoder reads it: tables until the length is used up
-      if (in.get() < 0) return true;
+      const int table = in.get();
+      if (table < 0) return true;
       // Past the end the decoder reads zeros, and still builds the table from the counts it
       // has: sum them the same way before deciding.
       int symbols = 0;
@@ -213,6 +249,7 @@ bool jpeg_tables_fit(Bytes& in) {
       }
       if (symbols > 256) return false;
       if (ended) return true;
+      if ((table >> 4) <= 1 && (table & 15) <= 3) defined[table >> 4][table & 15] = true;
       if (!in.skip(symbols)) return true;
       left -= 17 + symbols;
     }

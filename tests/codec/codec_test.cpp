@@ -118,6 +118,49 @@ TEST(CodecLoad, RefusesHeadersBeyondTheLimitsBeforeDecoding) {
   }
 }
 
+// A progressive grey JPEG of one 8x8 block: quantiser 1, a DC table whose one 1-bit code is
+// category 0, a first DC pass and a first AC pass (coefficients 1..63) on AC table 0, which a
+// DHT defines (one 1-bit code: end of band) only when asked.
+std::vector<uint8_t> progressive_jpeg(bool define_ac) {
+  std::vector<uint8_t> f = {0xFF, 0xD8};
+  auto segment = [&f](uint8_t marker, std::vector<uint8_t> body) {
+    const size_t length = body.size() + 2;
+    f.insert(f.end(), {0xFF, marker, uint8_t(length >> 8), uint8_t(length)});
+    f.insert(f.end(), body.begin(), body.end());
+  };
+  auto huffman = [](uint8_t table, uint8_t symbol) {
+    std::vector<uint8_t> body(17, 0);
+    body[0] = table;
+    body[1] = 1;  // one code of length 1
+    body.push_back(symbol);
+    return body;
+  };
+  std::vector<uint8_t> quantiser(65, 1);
+  quantiser[0] = 0;
+  segment(0xDB, quantiser);
+  segment(0xC2, {8, 0, 8, 0, 8, 1, 1, 0x11, 0});
+  segment(0xC4, huffman(0x00, 0));
+  if (define_ac) segment(0xC4, huffman(0x10, 0));
+  segment(0xDA, {1, 1, 0x00, 0, 0, 0});
+  f.push_back(0x00);
+  segment(0xDA, {1, 1, 0x00, 1, 63, 0});
+  f.push_back(0x00);
+  f.insert(f.end(), {0xFF, 0xD9});
+  return f;
+}
+
+// A scan that uses a Huffman table no DHT defined is refused before decoding (the decoder
+// would read uninitialised tables); with the table defined the same stream gives its flat
+// block.
+TEST(CodecLoad, JpegScansNeedTheirHuffmanTables) {
+  FramePtr good = decode(progressive_jpeg(true));
+  ASSERT_TRUE(good);
+  EXPECT_EQ(good->width, 8u);
+  EXPECT_EQ(good->plane[0][0], 128);
+  EXPECT_EQ(good->plane[0][7 * good->stride[0] + 7], 128);
+  EXPECT_EQ(decode(progressive_jpeg(false)), nullptr);
+}
+
 // A host frame with a smooth pattern, which JPEG keeps close; neighbouring bytes still differ,
 // so a lossless format must keep each one.
 FramePtr make_frame(uint32_t format, int32_t w, int32_t h) {
