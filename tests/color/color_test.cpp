@@ -220,10 +220,11 @@ TEST(ColorKernels, RgbToYuvAndGreyForEveryTriple) {
 }
 
 // Every vector path against the scalar one over widths 1..70 that straddle the vector
-// blocks, several heights and padded strides; padding keeps its sentinel.
+// blocks, and wider rows of up to four 64-pixel steps (the YUV rows work one step ahead),
+// several heights and padded strides; padding keeps its sentinel.
 TEST(ColorKernels, VectorPathsMatchScalarOverShapesAndStrides) {
   std::mt19937 rng(7);
-  for (int w = 1; w <= 140; w += w < 70 ? 1 : 7)
+  for (int w = 1; w <= 260; w += w < 70 ? 1 : 7)
     for (int h : {1, 2, 3, 6})
       for (int pad : {0, 1, 13}) {
         SCOPED_TRACE(testing::Message() << "w " << w << " h " << h << " pad " << pad);
@@ -253,7 +254,7 @@ TEST(ColorKernels, VectorRowsStayInsideTheirRows) {
   if (!available(kWide)) GTEST_SKIP();
   for (const uint32_t variant : {kWide, k256, kNarrow}) {
     FeatureMask features(variant);
-    for (int w = 2; w <= 140; w += w < 48 ? 2 : 14) {
+    for (int w = 2; w <= 266; w += w < 48 ? 2 : 14) {
       GuardedBuffer by(2 * w), buv(w), bu(w / 2), bv(w / 2), rgbb(6 * w), rgb2b(6 * w),
           greyb(2 * w);
       uint8_t *y = by.data(), *uv = buv.data(), *u = bu.data(), *v = bv.data(), *rgb = rgbb.data(),
