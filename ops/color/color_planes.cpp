@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "plugin/cpu_features.h"
 
@@ -215,13 +217,14 @@ Grey16Bounds grey16_bounds(const uint32_t* hist, int32_t width, int32_t height) 
   return {low, high, 255.0 / static_cast<double>(high - low)};
 }
 
-void grey16_stretch(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
+bool grey16_stretch(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
                     int32_t width, int32_t height) {
   // Rows step by stride / 2 whole samples. Samples are read with memcpy: a GREY16 plane may
   // start at an odd address.
   const int32_t step = src_stride / 2 * 2;
-  uint32_t hist[65536];
-  std::memset(hist, 0, sizeof hist);
+  const std::unique_ptr<uint32_t[]> counters(new (std::nothrow) uint32_t[65536]());
+  if (counters == nullptr) return false;
+  uint32_t* hist = counters.get();
   for (int32_t r = 0; r < height; ++r) {
     const uint8_t* s = row(src, step, r);
     for (int32_t x = 0; x < width; ++x) {
@@ -239,6 +242,7 @@ void grey16_stretch(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_
     uint8_t* d = row(dst, dst_stride, r);
     grey16_map_row_c(bounds, s, d, avx2 ? grey16_map_row_avx2(bounds, s, d, width) : 0, width);
   }
+  return true;
 }
 
 }  // namespace zarvel::aux::color

@@ -52,8 +52,9 @@ void split_chroma(const uint8_t* src, int32_t src_stride, uint8_t* first, int32_
 
 // GREY16 -> GREY contrast stretch between the low and high percentile bounds of the
 // histogram (16-bit running sums that wrap, as the format's consumers expect). src_stride is
-// in bytes.
-void grey16_stretch(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
+// in bytes. The 256 KiB histogram lives on the heap, not on the caller's thread stack; false
+// when it cannot be allocated (nothing is written then).
+bool grey16_stretch(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
                     int32_t width, int32_t height);
 // The bounds of the stretch from its 65536-bin histogram (exposed for tests).
 Grey16Bounds grey16_bounds(const uint32_t* hist, int32_t width, int32_t height);

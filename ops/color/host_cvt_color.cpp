@@ -89,8 +89,13 @@ int32_t grey_replicate(zarvel_frame_t* s, zarvel_frame_t* d) {
 }
 
 int32_t grey16_stretch(zarvel_frame_t* s, zarvel_frame_t* d) {
-  color::grey16_stretch(s->plane[0], s->stride[0], d->plane[0], d->stride[0], s->width, s->height);
-  return kOk;
+  if (color::grey16_stretch(s->plane[0], s->stride[0], d->plane[0], d->stride[0], s->width,
+                            s->height)) {
+    return kOk;
+  }
+  ZA_HOST_LOG(ZARVEL_LOG_FAILURE, "No memory for the histogram of a %dx%d GREY16 frame!\n",
+              s->width, s->height);
+  return kFailed;
 }
 
 int32_t weighted_grey(zarvel_frame_t* s, zarvel_frame_t* d) {

@@ -5,6 +5,7 @@
 // frames and region views with padded strides), the shortcuts, the output checks, the
 // refusals with their cleanup and the 16-bit stretch.
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <zarvel/aux.h>
 
 #include <algorithm>
@@ -455,6 +456,32 @@ TEST_F(CvtColor, Grey16StretchesBetweenItsBounds) {
     ASSERT_EQ(zarvel_frame_cvt_color(view.get(), &grey, kGrey), 0);
     EXPECT_EQ(visible_bytes(za::FramePtr(grey).get()), want) << samples.size() << " samples";
   }
+}
+
+// Pipelines convert on worker threads whose stacks can be small (128 KiB by default on musl).
+// The stretch's 256 KiB histogram must not live on the stack: here it runs on a 160 KiB one.
+TEST_F(CvtColor, Grey16StretchRunsOnASmallThreadStack) {
+  auto src = alloc(kGrey16, 64, 4);
+  fill_planes(src.get(), 3);
+  struct Job {
+    zarvel_frame_t* src;
+    int32_t status = 1;
+  } job{src.get()};
+  pthread_attr_t attr;
+  ASSERT_EQ(pthread_attr_init(&attr), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attr, 160 * 1024), 0);
+  pthread_t thread;
+  const auto run = [](void* arg) -> void* {
+    auto* j = static_cast<Job*>(arg);
+    zarvel_frame_t* grey = nullptr;
+    j->status = zarvel_frame_cvt_color(j->src, &grey, ZARVEL_PIXFMT_GREY);
+    zarvel_frame_free(&grey);
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, &attr, run, &job), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attr);
+  EXPECT_EQ(job.status, 0);
 }
 
 }  // namespace
