@@ -131,6 +131,8 @@ class MemoryBytes {
   const uint8_t* end_;
 };
 
+// Reads a file in 16 KiB chunks: the buffer lives on the caller's stack, which on a worker
+// thread may be small.
 class FileBytes {
  public:
   explicit FileBytes(std::FILE* file) : file_(file) {}
@@ -166,7 +168,7 @@ class FileBytes {
     return size_ > 0;
   }
   std::FILE* file_;
-  uint8_t buffer_[65536];
+  uint8_t buffer_[16384];
   size_t at_ = 0;
   size_t size_ = 0;
 };
