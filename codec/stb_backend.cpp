@@ -4,8 +4,12 @@
 #include "codec/stb_backend.h"
 
 #include <algorithm>
+#include <array>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "codec/jpeg_color.h"
 #include "plugin/cpu_features.h"
@@ -173,31 +177,40 @@ class FileBytes {
   size_t size_ = 0;
 };
 
-// Whether the components of a scan (SOS) use only Huffman tables defined before it. A scan
-// of a progressive frame reads its DC table in the first DC pass only, its AC table in every
-// AC pass; a sequential scan reads both. Headers that end early or name a table the decoder
-// refuses pass: it stops on them itself.
+// What the header walk decides about a stream.
+enum class HeaderCheck {
+  kDecode,             // decode as it is
+  kRefuse,             // the decoder cannot be trusted with it
+  kAddStandardTables,  // decode after defining the standard Huffman tables (Motion-JPEG)
+};
+
+// The Huffman tables that a scan (SOS) uses and no DHT defined before it: bit 4 * class + id
+// (class 0 DC, 1 AC). A scan of a progressive frame reads its DC table in the first DC pass
+// only, its AC table in every AC pass; a sequential scan reads both. Headers that end early or
+// name a table the decoder refuses give 0: it stops on them itself.
 template <class Bytes>
-bool scan_tables_defined(Bytes& in, int64_t* left, bool progressive, const bool (&defined)[2][4]) {
+int undefined_scan_tables(Bytes& in, int64_t* left, bool progressive, const bool (&defined)[2][4]) {
   const int count = in.get();
-  if (count < 0) return true;
+  if (count < 0) return 0;
   int tables[4] = {};
   for (int k = 0; k < count && k < 4; ++k) {
-    if (in.get() < 0) return true;
+    if (in.get() < 0) return 0;
     tables[k] = in.get();
-    if (tables[k] < 0) return true;
+    if (tables[k] < 0) return 0;
   }
   const int start = in.get(), end = in.get(), approx = in.get();
-  if (count > 4 || start < 0 || end < 0 || approx < 0) return true;
+  if (count > 4 || start < 0 || end < 0 || approx < 0) return 0;
   *left -= 1 + 2 * count + 3;
   const bool dc = !progressive || (start == 0 && (approx >> 4) == 0);
   const bool ac = !progressive || start != 0;
+  int missing = 0;
   for (int k = 0; k < count; ++k) {
     const int dc_id = tables[k] >> 4, ac_id = tables[k] & 15;
-    if (dc_id > 3 || ac_id > 3) return true;
-    if ((dc && !defined[0][dc_id]) || (ac && !defined[1][ac_id])) return false;
+    if (dc_id > 3 || ac_id > 3) return 0;
+    if (dc && !defined[0][dc_id]) missing |= 1 << dc_id;
+    if (ac && !defined[1][ac_id]) missing |= 1 << (4 + ac_id);
   }
-  return true;
+  return missing;
 }
 
 // stb_image 2.27 trusts a JPEG stream's Huffman tables (DHT): counts adding up to more than
@@ -205,41 +218,56 @@ bool scan_tables_defined(Bytes& in, int64_t* left, bool progressive, const bool 
 // decode from uninitialised memory and index past its arrays. Walk every marker segment the
 // way the decoder does (segments skipped by their length, entropy-coded data skipped up to the
 // next marker) and refuse the stream on either. Streams that are not JPEG, or end early, pass:
-// the decoder stops on them by itself. (A Motion-JPEG frame without tables is refused too.)
+// the decoder stops on them by itself. Motion-JPEG frames from cameras leave out their DHT and
+// rely on the standard tables (tables 0 and 1 of each class): a stream whose scans use only
+// those is decoded with the standard tables defined first, as other decoders do.
 // The stream's first byte (0xFF) has been read.
 template <class Bytes>
-bool jpeg_tables_fit(Bytes& in) {
+HeaderCheck jpeg_check(Bytes& in) {
   // The decoder takes any run of 0xFF fill bytes before the start-of-image marker.
   int first = in.get();
   while (first == 0xFF) first = in.get();
-  if (first != 0xD8) return true;
+  if (first != 0xD8) return HeaderCheck::kDecode;
   bool progressive = false;
   bool defined[2][4] = {};  // [DC, AC][table id] seen so far
+  bool standard = false;    // whether the standard tables are defined first
+  // Where the decoder goes on (or stops by itself on a stream that ends early).
+  const auto decode = [&] {
+    return standard ? HeaderCheck::kAddStandardTables : HeaderCheck::kDecode;
+  };
   for (;;) {
-    if (!in.pass_next_ff()) return true;
+    if (!in.pass_next_ff()) return decode();
     int marker = in.get();
     while (marker == 0xFF) marker = in.get();
     // End of data, byte stuffing, restart markers, TEM and SOI carry no segment.
-    if (marker < 0 || marker == 0xD9) return true;
+    if (marker < 0 || marker == 0xD9) return decode();
     if (marker == 0x00 || marker == 0x01 || marker == 0xD8 || (marker >= 0xD0 && marker <= 0xD7)) {
       continue;
     }
     const int hi = in.get(), lo = in.get();
-    if (lo < 0) return true;
+    if (lo < 0) return decode();
     int64_t left = (hi << 8 | lo) - 2;
-    if (left < 0) return true;
+    if (left < 0) return decode();
     if (marker == 0xDA) {
-      if (!scan_tables_defined(in, &left, progressive, defined)) return false;
+      const int missing = undefined_scan_tables(in, &left, progressive, defined);
+      // Tables 2 and 3 have no standard form.
+      if ((missing & 0xCC) != 0) return HeaderCheck::kRefuse;
+      if (missing != 0) {
+        // Defined ahead of every segment, the standard tables serve the whole stream (a
+        // later DHT replaces them as usual).
+        standard = true;
+        for (auto& by_class : defined) by_class[0] = by_class[1] = true;
+      }
     } else if (marker == 0xC0 || marker == 0xC1 || marker == 0xC2) {
       progressive = marker == 0xC2;
     }
     if (marker != 0xC4) {
-      if (left > 0 && !in.skip(left)) return true;
+      if (left > 0 && !in.skip(left)) return decode();
       continue;
     }
     while (left > 0) {  // as the decoder reads it: tables until the length is used up
       const int table = in.get();
-      if (table < 0) return true;
+      if (table < 0) return decode();
       // Past the end the decoder reads zeros, and still builds the table from the counts it
       // has: sum them the same way before deciding.
       int symbols = 0;
@@ -249,10 +277,10 @@ bool jpeg_tables_fit(Bytes& in) {
         ended = ended || count < 0;
         symbols += count < 0 ? 0 : count;
       }
-      if (symbols > 256) return false;
-      if (ended) return true;
+      if (symbols > 256) return HeaderCheck::kRefuse;
+      if (ended) return decode();
       if ((table >> 4) <= 1 && (table & 15) <= 3) defined[table >> 4][table & 15] = true;
-      if (!in.skip(symbols)) return true;
+      if (!in.skip(symbols)) return decode();
       left -= 17 + symbols;
     }
   }
@@ -279,16 +307,16 @@ bool pnm_numbers_fit(Bytes& in) {
   return true;
 }
 
-// False for the streams the decoder cannot be trusted with; anything else goes to the decoder.
+// Refuses the streams the decoder cannot be trusted with; anything else goes to the decoder.
 template <class Bytes>
-bool header_fits(Bytes& in) {
+HeaderCheck header_check(Bytes& in) {
   const int first = in.get();
-  if (first == 0xFF) return jpeg_tables_fit(in);
+  if (first == 0xFF) return jpeg_check(in);
   if (first == 'P') {
     const int kind = in.get();
-    return (kind != '5' && kind != '6') || pnm_numbers_fit(in);
+    if ((kind == '5' || kind == '6') && !pnm_numbers_fit(in)) return HeaderCheck::kRefuse;
   }
-  return true;
+  return HeaderCheck::kDecode;
 }
 
 bool accept(stbi_uc* pixels, int width, int height, int channels, DecodedImage* image) {
@@ -302,17 +330,157 @@ bool accept(stbi_uc* pixels, int width, int height, int channels, DecodedImage* 
   return true;
 }
 
+// The standard Huffman tables of JPEG (ITU-T T.81, Annex K.3): the luminance DC and AC tables
+// as tables 0, the chrominance ones as tables 1. Each: the number of codes of each length 1..16,
+// then the symbols in code order.
+struct HuffmanTable {
+  uint8_t id;  // class << 4 | table
+  uint8_t counts[16];
+  std::array<uint8_t, 162> symbols;
+  int size;
+};
+constexpr std::array<uint8_t, 162> kDcSymbols = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+constexpr HuffmanTable kStandardTables[4] = {
+    {0x00, {0, 1, 5, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0}, kDcSymbols, 12},
+    {0x10,
+     {0, 2, 1, 3, 3, 2, 4, 3, 5, 5, 4, 4, 0, 0, 1, 0x7d},
+     {0x01, 0x02, 0x03, 0x00, 0x04, 0x11, 0x05, 0x12, 0x21, 0x31, 0x41, 0x06, 0x13, 0x51, 0x61,
+      0x07, 0x22, 0x71, 0x14, 0x32, 0x81, 0x91, 0xa1, 0x08, 0x23, 0x42, 0xb1, 0xc1, 0x15, 0x52,
+      0xd1, 0xf0, 0x24, 0x33, 0x62, 0x72, 0x82, 0x09, 0x0a, 0x16, 0x17, 0x18, 0x19, 0x1a, 0x25,
+      0x26, 0x27, 0x28, 0x29, 0x2a, 0x34, 0x35, 0x36, 0x37, 0x38, 0x39, 0x3a, 0x43, 0x44, 0x45,
+      0x46, 0x47, 0x48, 0x49, 0x4a, 0x53, 0x54, 0x55, 0x56, 0x57, 0x58, 0x59, 0x5a, 0x63, 0x64,
+      0x65, 0x66, 0x67, 0x68, 0x69, 0x6a, 0x73, 0x74, 0x75, 0x76, 0x77, 0x78, 0x79, 0x7a, 0x83,
+      0x84, 0x85, 0x86, 0x87, 0x88, 0x89, 0x8a, 0x92, 0x93, 0x94, 0x95, 0x96, 0x97, 0x98, 0x99,
+      0x9a, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7, 0xa8, 0xa9, 0xaa, 0xb2, 0xb3, 0xb4, 0xb5, 0xb6,
+      0xb7, 0xb8, 0xb9, 0xba, 0xc2, 0xc3, 0xc4, 0xc5, 0xc6, 0xc7, 0xc8, 0xc9, 0xca, 0xd2, 0xd3,
+      0xd4, 0xd5, 0xd6, 0xd7, 0xd8, 0xd9, 0xda, 0xe1, 0xe2, 0xe3, 0xe4, 0xe5, 0xe6, 0xe7, 0xe8,
+      0xe9, 0xea, 0xf1, 0xf2, 0xf3, 0xf4, 0xf5, 0xf6, 0xf7, 0xf8, 0xf9, 0xfa},
+     162},
+    {0x01, {0, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0}, kDcSymbols, 12},
+    {0x11,
+     {0, 2, 1, 2, 4, 4, 3, 4, 7, 5, 4, 4, 0, 1, 2, 0x77},
+     {0x00, 0x01, 0x02, 0x03, 0x11, 0x04, 0x05, 0x21, 0x31, 0x06, 0x12, 0x41, 0x51, 0x07, 0x61,
+      0x71, 0x13, 0x22, 0x32, 0x81, 0x08, 0x14, 0x42, 0x91, 0xa1, 0xb1, 0xc1, 0x09, 0x23, 0x33,
+      0x52, 0xf0, 0x15, 0x62, 0x72, 0xd1, 0x0a, 0x16, 0x24, 0x34, 0xe1, 0x25, 0xf1, 0x17, 0x18,
+      0x19, 0x1a, 0x26, 0x27, 0x28, 0x29, 0x2a, 0x35, 0x36, 0x37, 0x38, 0x39, 0x3a, 0x43, 0x44,
+      0x45, 0x46, 0x47, 0x48, 0x49, 0x4a, 0x53, 0x54, 0x55, 0x56, 0x57, 0x58, 0x59, 0x5a, 0x63,
+      0x64, 0x65, 0x66, 0x67, 0x68, 0x69, 0x6a, 0x73, 0x74, 0x75, 0x76, 0x77, 0x78, 0x79, 0x7a,
+      0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x88, 0x89, 0x8a, 0x92, 0x93, 0x94, 0x95, 0x96, 0x97,
+      0x98, 0x99, 0x9a, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7, 0xa8, 0xa9, 0xaa, 0xb2, 0xb3, 0xb4,
+      0xb5, 0xb6, 0xb7, 0xb8, 0xb9, 0xba, 0xc2, 0xc3, 0xc4, 0xc5, 0xc6, 0xc7, 0xc8, 0xc9, 0xca,
+      0xd2, 0xd3, 0xd4, 0xd5, 0xd6, 0xd7, 0xd8, 0xd9, 0xda, 0xe2, 0xe3, 0xe4, 0xe5, 0xe6, 0xe7,
+      0xe8, 0xe9, 0xea, 0xf2, 0xf3, 0xf4, 0xf5, 0xf6, 0xf7, 0xf8, 0xf9, 0xfa},
+     162},
+};
+
+// Each table has as many symbols as codes.
+constexpr bool standard_tables_complete() {
+  for (const HuffmanTable& t : kStandardTables) {
+    int codes = 0;
+    for (uint8_t count : t.counts) codes += count;
+    if (codes != t.size) return false;
+  }
+  return true;
+}
+static_assert(standard_tables_complete());
+constexpr int segment_size() {
+  int size = 4;
+  for (const HuffmanTable& t : kStandardTables) size += 17 + t.size;
+  return size;
+}
+static_assert(segment_size() == kStandardHuffmanSegmentSize);
+
+// One DHT segment defining the four tables: marker, length, then each table's id, counts and
+// symbols.
+constexpr std::array<uint8_t, kStandardHuffmanSegmentSize> standard_tables_segment() {
+  std::array<uint8_t, kStandardHuffmanSegmentSize> out{};
+  size_t at = 4;
+  for (const HuffmanTable& t : kStandardTables) {
+    out[at++] = t.id;
+    for (uint8_t count : t.counts) out[at++] = count;
+    for (int i = 0; i < t.size; ++i) out[at++] = t.symbols[i];
+  }
+  out[0] = 0xFF;
+  out[1] = 0xC4;
+  out[2] = static_cast<uint8_t>((out.size() - 2) >> 8);
+  out[3] = static_cast<uint8_t>(out.size() - 2);
+  return out;
+}
+constexpr auto kStandardTablesSegment = standard_tables_segment();
+
+// Decodes a stream that passed the header check.
+bool decode_checked(const uint8_t* data, int32_t size, DecodedImage* image) {
+  int width = 0, height = 0, channels = 0;
+  if (!stbi_info_from_memory(data, size, &width, &height, &channels)) return false;
+  if (!within_decode_limits(width, height)) {
+    stbi__err("too large", "Image too large to decode");
+    return false;
+  }
+  const DecodeAllocLimit limit(decode_alloc_limit(width, height, size));
+  stbi_uc* pixels = stbi_load_from_memory(data, size, &width, &height, &channels, 0);
+  return accept(pixels, width, height, channels, image);
+}
+
+// Decodes a copy of the JPEG stream with the standard tables defined right after its
+// start-of-image marker (which the header check found after any 0xFF fill bytes).
+bool decode_with_standard_tables(const uint8_t* data, int32_t size, DecodedImage* image) {
+  constexpr int32_t kAdded = static_cast<int32_t>(kStandardTablesSegment.size());
+  if (size > INT32_MAX - kAdded) {
+    stbi__err("too large", "Image too large to decode");
+    return false;
+  }
+  const std::unique_ptr<uint8_t[]> copy(new (std::nothrow) uint8_t[size + kAdded]);
+  if (copy == nullptr) {
+    stbi__err("outofmem", "Out of memory");
+    return false;
+  }
+  int32_t soi = 0;
+  while (data[soi] == 0xFF) ++soi;
+  const int32_t head = soi + 1;  // fill bytes and the marker
+  std::memcpy(copy.get(), data, head);
+  std::memcpy(copy.get() + head, kStandardTablesSegment.data(), kAdded);
+  std::memcpy(copy.get() + head + kAdded, data + head, size - head);
+  return decode_checked(copy.get(), size + kAdded, image);
+}
+
+// The rest of a file from the current position, in memory.
+bool read_rest(std::FILE* file, std::unique_ptr<uint8_t[]>* data, int32_t* size) {
+  const int64_t bytes = remaining_bytes(file);
+  if (bytes <= 0 || bytes > INT32_MAX) {
+    stbi__err("too large", "Image too large to decode");
+    return false;
+  }
+  data->reset(new (std::nothrow) uint8_t[bytes]);
+  if (*data == nullptr) {
+    stbi__err("outofmem", "Out of memory");
+    return false;
+  }
+  *size = static_cast<int32_t>(bytes);
+  if (std::fread(data->get(), 1, static_cast<size_t>(bytes), file) != static_cast<size_t>(bytes)) {
+    stbi__err("read failed", "Unable to read file");
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
+
+const uint8_t* standard_huffman_segment() { return kStandardTablesSegment.data(); }
 
 bool decode_file(std::FILE* file, DecodedImage* image) {
   const long start = std::ftell(file);
   if (start < 0) return false;
   FileBytes bytes(file);
-  const bool fits = header_fits(bytes);
+  const HeaderCheck check = header_check(bytes);
   if (std::fseek(file, start, SEEK_SET) != 0) return false;
-  if (!fits) {
+  if (check == HeaderCheck::kRefuse) {
     stbi__err("bad header", "Corrupt image header");
     return false;
+  }
+  if (check == HeaderCheck::kAddStandardTables) {
+    std::unique_ptr<uint8_t[]> data;
+    int32_t size = 0;
+    return read_rest(file, &data, &size) && decode_with_standard_tables(data.get(), size, image);
   }
   int width = 0, height = 0, channels = 0;
   // The header check rewinds the file to where it started.
@@ -332,19 +500,15 @@ bool decode_memory(const uint8_t* data, int32_t size, DecodedImage* image) {
     return false;
   }
   MemoryBytes bytes(data, size);
-  if (!header_fits(bytes)) {
-    stbi__err("bad header", "Corrupt image header");
-    return false;
+  switch (header_check(bytes)) {
+    case HeaderCheck::kRefuse:
+      stbi__err("bad header", "Corrupt image header");
+      return false;
+    case HeaderCheck::kAddStandardTables:
+      return decode_with_standard_tables(data, size, image);
+    default:
+      return decode_checked(data, size, image);
   }
-  int width = 0, height = 0, channels = 0;
-  if (!stbi_info_from_memory(data, size, &width, &height, &channels)) return false;
-  if (!within_decode_limits(width, height)) {
-    stbi__err("too large", "Image too large to decode");
-    return false;
-  }
-  const DecodeAllocLimit limit(decode_alloc_limit(width, height, size));
-  stbi_uc* pixels = stbi_load_from_memory(data, size, &width, &height, &channels, 0);
-  return accept(pixels, width, height, channels, image);
 }
 
 ReleaseFn decoder_release() { return &stbi_image_free; }

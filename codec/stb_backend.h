@@ -39,6 +39,11 @@ struct DecodedImage {
 bool decode_file(std::FILE* file, DecodedImage* image);
 // Decodes `size` bytes of memory. A null pointer or a non-positive size is undecodable.
 bool decode_memory(const uint8_t* data, int32_t size, DecodedImage* image);
+// JPEG streams whose scans use Huffman tables that no DHT defines (Motion-JPEG frames) decode
+// with the standard tables, defined by this DHT segment (marker included) ahead of the stream's
+// own segments.
+inline constexpr int kStandardHuffmanSegmentSize = 420;
+const uint8_t* standard_huffman_segment();
 
 // The decoder's own free function, used as the release function of adopted blocks.
 using ReleaseFn = void (*)(void*);

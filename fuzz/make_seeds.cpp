@@ -20,7 +20,21 @@ void write(const fs::path& path, const std::vector<uint8_t>& bytes) {
 
 std::vector<uint8_t> text(const std::string& s) { return {s.begin(), s.end()}; }
 
-// JPEG, BMP and PNG of a tiny frame, through the library's own encoder.
+// The JPEG stream without its Huffman table segments (DHT), as Motion-JPEG cameras send it.
+std::vector<uint8_t> without_dht(const std::vector<uint8_t>& jpeg) {
+  std::vector<uint8_t> out(jpeg.begin(), jpeg.begin() + 2);
+  size_t at = 2;
+  for (size_t next; at + 4 <= jpeg.size() && jpeg[at + 1] != 0xDA; at = next) {
+    next = at + 2 + (jpeg[at + 2] << 8 | jpeg[at + 3]);
+    if (next > jpeg.size()) break;
+    if (jpeg[at + 1] != 0xC4) out.insert(out.end(), jpeg.begin() + at, jpeg.begin() + next);
+  }
+  out.insert(out.end(), jpeg.begin() + at, jpeg.end());
+  return out;
+}
+
+// JPEG (also without its Huffman tables), BMP and PNG of a tiny frame, through the library's
+// own encoder.
 void encoded_seeds(const fs::path& dir, uint32_t format, const char* name) {
   zarvel_frame_t* frame = zarvel_frame_alloc(ZARVEL_MEM_HOST, format, 5, 3, nullptr, 0);
   if (frame == nullptr) return;
@@ -32,8 +46,10 @@ void encoded_seeds(const fs::path& dir, uint32_t format, const char* name) {
     zarvel_buffer_t* buffer = zarvel_buffer_alloc(0, ZARVEL_MEM_HOST);
     if (zarvel_frame_encode(frame, kinds[k], buffer) == 0) {
       const auto* p = static_cast<const uint8_t*>(zarvel_buffer_raw_pointer(buffer));
-      write(dir / (std::string(name) + "." + endings[k]),
-            std::vector<uint8_t>(p, p + zarvel_buffer_size(buffer)));
+      const std::vector<uint8_t> bytes(p, p + zarvel_buffer_size(buffer));
+      write(dir / (std::string(name) + "." + endings[k]), bytes);
+      if (kinds[k] == ZARVEL_IMAGE_JPEG)
+        write(dir / (std::string(name) + "_mjpeg.jpg"), without_dht(bytes));
     }
     zarvel_buffer_free(&buffer);
   }

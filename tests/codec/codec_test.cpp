@@ -18,6 +18,7 @@
 #include <tuple>
 #include <vector>
 
+#include "codec/stb_backend.h"
 #include "codec_test_support.h"
 #include "frame_test_support.h"
 #include "op_test_support.h"
@@ -119,9 +120,9 @@ TEST(CodecLoad, RefusesHeadersBeyondTheLimitsBeforeDecoding) {
 }
 
 // A progressive grey JPEG of one 8x8 block: quantiser 1, a DC table whose one 1-bit code is
-// category 0, a first DC pass and a first AC pass (coefficients 1..63) on AC table 0, which a
-// DHT defines (one 1-bit code: end of band) only when asked.
-std::vector<uint8_t> progressive_jpeg(bool define_ac) {
+// category 0, a first DC pass and a first AC pass (coefficients 1..63) on AC table `ac`, which
+// a DHT defines (one 1-bit code: end of band) only when asked.
+std::vector<uint8_t> progressive_jpeg(uint8_t ac, bool define_ac) {
   std::vector<uint8_t> f = {0xFF, 0xD8};
   auto segment = [&f](uint8_t marker, std::vector<uint8_t> body) {
     const size_t length = body.size() + 2;
@@ -140,25 +141,27 @@ std::vector<uint8_t> progressive_jpeg(bool define_ac) {
   segment(0xDB, quantiser);
   segment(0xC2, {8, 0, 8, 0, 8, 1, 1, 0x11, 0});
   segment(0xC4, huffman(0x00, 0));
-  if (define_ac) segment(0xC4, huffman(0x10, 0));
+  if (define_ac) segment(0xC4, huffman(0x10 | ac, 0));
   segment(0xDA, {1, 1, 0x00, 0, 0, 0});
   f.push_back(0x00);
-  segment(0xDA, {1, 1, 0x00, 1, 63, 0});
+  segment(0xDA, {1, 1, ac, 1, 63, 0});
   f.push_back(0x00);
   f.insert(f.end(), {0xFF, 0xD9});
   return f;
 }
 
-// A scan that uses a Huffman table no DHT defined is refused before decoding (the decoder
-// would read uninitialised tables); with the table defined the same stream gives its flat
-// block.
+// A scan that uses a Huffman table no DHT defined would make the decoder read uninitialised
+// tables. Tables 0 and 1 have a standard form, which Motion-JPEG frames rely on: the stream
+// decodes with it. Tables 2 and 3 have none: the stream is refused before decoding.
 TEST(CodecLoad, JpegScansNeedTheirHuffmanTables) {
-  FramePtr good = decode(progressive_jpeg(true));
+  FramePtr good = decode(progressive_jpeg(0, true));
   ASSERT_TRUE(good);
   EXPECT_EQ(good->width, 8u);
   EXPECT_EQ(good->plane[0][0], 128);
   EXPECT_EQ(good->plane[0][7 * good->stride[0] + 7], 128);
-  EXPECT_EQ(decode(progressive_jpeg(false)), nullptr);
+  EXPECT_NE(decode(progressive_jpeg(0, false)), nullptr);
+  EXPECT_NE(decode(progressive_jpeg(2, true)), nullptr);
+  EXPECT_EQ(decode(progressive_jpeg(2, false)), nullptr);
 }
 
 // A host frame with a smooth pattern, which JPEG keeps close; neighbouring bytes still differ,
@@ -180,6 +183,42 @@ std::vector<uint8_t> encode(zarvel_frame_t* f, int32_t format, int32_t want_stat
   za::BufferPtr buffer(zarvel_buffer_alloc(0, ZARVEL_MEM_HOST));
   EXPECT_EQ(zarvel_frame_encode(f, format, buffer.get()), want_status) << format;
   return bytes_of(buffer.get());
+}
+
+// The stream without its DHT segments, as a Motion-JPEG camera sends its frames, and the
+// segments removed.
+std::vector<uint8_t> without_huffman_tables(const std::vector<uint8_t>& jpeg,
+                                            std::vector<uint8_t>* removed) {
+  std::vector<uint8_t> out(jpeg.begin(), jpeg.begin() + 2);
+  size_t at = 2;
+  while (at + 4 <= jpeg.size() && jpeg[at] == 0xFF && jpeg[at + 1] != 0xDA) {
+    const size_t end = at + 2 + (jpeg[at + 2] << 8 | jpeg[at + 3]);
+    std::vector<uint8_t>& to = jpeg[at + 1] == 0xC4 ? *removed : out;
+    to.insert(to.end(), jpeg.begin() + at, jpeg.begin() + end);
+    at = end;
+  }
+  out.insert(out.end(), jpeg.begin() + at, jpeg.end());
+  return out;
+}
+
+// Our encoder writes the standard Huffman tables, in the segment the decoder adds to streams
+// that lack them. Without them the frame decodes, from memory and from a file, to the same
+// pixels.
+TEST(CodecLoad, MotionJpegFramesWithoutHuffmanTablesDecode) {
+  ScratchDir dir;
+  FramePtr frame = make_frame(ZARVEL_PIXFMT_RGB24, 37, 21);
+  const std::vector<uint8_t> jpeg = encode(frame.get(), kJpeg);
+  std::vector<uint8_t> tables;
+  const std::vector<uint8_t> bare = without_huffman_tables(jpeg, &tables);
+  const uint8_t* standard = za::codec::standard_huffman_segment();
+  EXPECT_EQ(tables,
+            std::vector<uint8_t>(standard, standard + za::codec::kStandardHuffmanSegmentSize));
+  FramePtr want = decode(jpeg), from_memory = decode(bare);
+  write_file(dir.file("bare.jpg"), bare);
+  FramePtr from_file(zarvel_frame_load(dir.file("bare.jpg").c_str()));
+  ASSERT_TRUE(want && from_memory && from_file);
+  EXPECT_EQ(visible_bytes(from_memory.get()), visible_bytes(want.get()));
+  EXPECT_EQ(visible_bytes(from_file.get()), visible_bytes(want.get()));
 }
 
 // Messages at the failure level only: the encoder's progress notes do not count.
