@@ -186,20 +186,20 @@ enum class HeaderCheck {
 
 // The Huffman tables that a scan (SOS) uses and no DHT defined before it: bit 4 * class + id
 // (class 0 DC, 1 AC). A scan of a progressive frame reads its DC table in the first DC pass
-// only, its AC table in every AC pass; a sequential scan reads both. Headers that end early or
-// name a table the decoder refuses give 0: it stops on them itself.
+// only, its AC table in every AC pass; a sequential scan reads both. A header that ends early
+// reads as zeros, as the decoder reads it; one that names a table the decoder refuses gives 0.
 template <class Bytes>
 int undefined_scan_tables(Bytes& in, int64_t* left, bool progressive, const bool (&defined)[2][4]) {
-  const int count = in.get();
-  if (count < 0) return 0;
+  // Past the end of the data the decoder reads zeros and goes on: read the header the same way.
+  const auto get = [&in] { return std::max(in.get(), 0); };
+  const int count = get();
   int tables[4] = {};
   for (int k = 0; k < count && k < 4; ++k) {
-    if (in.get() < 0) return 0;
-    tables[k] = in.get();
-    if (tables[k] < 0) return 0;
+    get();
+    tables[k] = get();
   }
-  const int start = in.get(), end = in.get(), approx = in.get();
-  if (count > 4 || start < 0 || end < 0 || approx < 0) return 0;
+  const int start = get(), approx = (get(), get());
+  if (count > 4) return 0;
   *left -= 1 + 2 * count + 3;
   const bool dc = !progressive || (start == 0 && (approx >> 4) == 0);
   const bool ac = !progressive || start != 0;
