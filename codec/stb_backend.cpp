@@ -422,10 +422,13 @@ bool decode_checked(const uint8_t* data, int32_t size, DecodedImage* image) {
 }
 
 // Decodes a copy of the JPEG stream with the standard tables defined right after its
-// start-of-image marker (which the header check found after any 0xFF fill bytes).
+// start-of-image marker (which the header check found after any 0xFF fill bytes). The frame
+// header is read first, so an oversized image is refused before the stream is copied.
 bool decode_with_standard_tables(const uint8_t* data, int32_t size, DecodedImage* image) {
   constexpr int32_t kAdded = static_cast<int32_t>(kStandardTablesSegment.size());
-  if (size > INT32_MAX - kAdded) {
+  int width = 0, height = 0, channels = 0;
+  if (!stbi_info_from_memory(data, size, &width, &height, &channels)) return false;
+  if (size > INT32_MAX - kAdded || !within_decode_limits(width, height)) {
     stbi__err("too large", "Image too large to decode");
     return false;
   }
@@ -446,7 +449,11 @@ bool decode_with_standard_tables(const uint8_t* data, int32_t size, DecodedImage
 // The rest of a file from the current position, in memory.
 bool read_rest(std::FILE* file, std::unique_ptr<uint8_t[]>* data, int32_t* size) {
   const int64_t bytes = remaining_bytes(file);
-  if (bytes <= 0 || bytes > INT32_MAX) {
+  if (bytes <= 0) {
+    stbi__err("read failed", "Unable to read file");
+    return false;
+  }
+  if (bytes > INT32_MAX) {
     stbi__err("too large", "Image too large to decode");
     return false;
   }
@@ -478,9 +485,18 @@ bool decode_file(std::FILE* file, DecodedImage* image) {
     return false;
   }
   if (check == HeaderCheck::kAddStandardTables) {
+    // The frame header is enough to refuse an oversized image before the file is read whole.
+    int width = 0, height = 0, channels = 0;
+    if (!stbi_info_from_file(file, &width, &height, &channels)) return false;
+    if (!within_decode_limits(width, height)) {
+      stbi__err("too large", "Image too large to decode");
+      return false;
+    }
     std::unique_ptr<uint8_t[]> data;
     int32_t size = 0;
-    return read_rest(file, &data, &size) && decode_with_standard_tables(data.get(), size, image);
+    // The bytes read are checked again and decoded from memory, so a file changed between the
+    // two reads is never decoded unchecked.
+    return read_rest(file, &data, &size) && decode_memory(data.get(), size, image);
   }
   int width = 0, height = 0, channels = 0;
   // The header check rewinds the file to where it started.
