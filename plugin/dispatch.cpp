@@ -16,6 +16,18 @@ bool check_even_dimensions(const zarvel_frame_t* frame, const char* name) {
   return false;
 }
 
+bool shares_pixels(const zarvel_frame_t* a, const zarvel_frame_t* b) {
+  if (zarvel_frame_mem_type(a) == ZARVEL_MEM_DEVICE) return false;
+  for (uint64_t i = 0; i < a->plane_count && i < 4; ++i) {
+    for (uint64_t j = 0; j < b->plane_count && j < 4; ++j) {
+      const auto a0 = reinterpret_cast<uintptr_t>(a->plane[i]);
+      const auto b0 = reinterpret_cast<uintptr_t>(b->plane[j]);
+      if (a0 < b0 + b->plane_size[j] && b0 < a0 + a->plane_size[i]) return true;
+    }
+  }
+  return false;
+}
+
 int32_t prepare_output(const zarvel_frame_t* src, zarvel_frame_t** dst, Size2D size,
                        const char* name) {
   if (src == nullptr || dst == nullptr) return kInvalidArgument;

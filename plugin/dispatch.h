@@ -25,6 +25,10 @@ int32_t prepare_output(const zarvel_frame_t* src, zarvel_frame_t** dst, Size2D s
 int32_t is_same_frame_fmt_and_memtype(const zarvel_frame_t* required, const zarvel_frame_t* given,
                                       const char* name);
 
+// Do any planes of two host frames overlap in memory? Device frames are processed through
+// separate host copies, so their sharing does no harm and this returns false for them.
+bool shares_pixels(const zarvel_frame_t* a, const zarvel_frame_t* b);
+
 // A non-owning reference to a callable `int32_t(zarvel_frame_t* src, zarvel_frame_t* dst)`.
 class SlotRef {
  public:

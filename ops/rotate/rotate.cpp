@@ -16,20 +16,6 @@ namespace {
 
 constexpr const char* kRotate = "zarvel_frame_rotate";
 
-// Do any planes of two host frames overlap in memory? (Device frames are rotated through
-// separate host copies, so their sharing does no harm.)
-bool shares_pixels(const zarvel_frame_t* a, const zarvel_frame_t* b) {
-  if (zarvel_frame_mem_type(a) == ZARVEL_MEM_DEVICE) return false;
-  for (uint64_t i = 0; i < a->plane_count && i < 4; ++i) {
-    for (uint64_t j = 0; j < b->plane_count && j < 4; ++j) {
-      const auto a0 = reinterpret_cast<uintptr_t>(a->plane[i]);
-      const auto b0 = reinterpret_cast<uintptr_t>(b->plane[j]);
-      if (a0 < b0 + b->plane_size[j] && b0 < a0 + a->plane_size[i]) return true;
-    }
-  }
-  return false;
-}
-
 int32_t rotate_frame(zarvel_frame_t* src, zarvel_frame_t** dst, int32_t code) {
   if (src == nullptr || dst == nullptr) return kInvalidArgument;
   float angle = 0.0f;

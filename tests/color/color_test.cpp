@@ -394,6 +394,27 @@ TEST_F(CvtColor, Shortcuts) {
             (LogLines{"0" + note + "ref to speed up!\n", "3" + note + "copy to speed up!\n"}));
 }
 
+// An output made over the source's own memory gets the pixels a separate output would get:
+// the conversion reads a copy of the source, and says so.
+TEST_F(CvtColor, OutputsSharingTheSourcesMemoryConvertFromACopy) {
+  const int32_t strides[4] = {0, 0, 0, 0};
+  for (const auto& [s, d] : {std::pair{kYu12, kNv12}, {kNv12, kYu12}, {kRgb, kBgr}, {kNv21, kGrey}})
+    for (const int w : {6, 130}) {
+      SCOPED_TRACE(name(s) + " -> " + name(d) + " w " + std::to_string(w));
+      auto src = alloc(s, w, 4);
+      fill_pattern(src.get(), w + 3);
+      const auto want = visible_bytes(expected(src.get(), d).get());
+      za::FramePtr shared(zarvel_frame_make(ZARVEL_MEM_HOST, d, src->plane[0], w, 4, strides,
+                                            nullptr, nullptr, nullptr));
+      ASSERT_NE(shared, nullptr);
+      zarvel_frame_t* out = shared.get();
+      ASSERT_EQ(zarvel_frame_cvt_color(src.get(), &out, d), 0);
+      EXPECT_EQ(visible_bytes(shared.get()), want);
+      EXPECT_EQ(drain(log_), LogLines{"3 aux [zarvel_frame_cvt_color] The output shares pixels "
+                                      "with the source, converting a copy.\n"});
+    }
+}
+
 // A caller's output must match the memory type, format, width and height exactly; one that
 // does not is refused and kept.
 TEST_F(CvtColor, RefusesMismatchedOutputs) {
