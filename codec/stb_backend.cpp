@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "codec/jpeg_color.h"
 #include "plugin/cpu_features.h"
@@ -24,7 +25,12 @@ bool allocation_allowed(size_t size) {
   return t_decode_alloc_limit < 0 || size <= static_cast<uint64_t>(t_decode_alloc_limit);
 }
 
-void* limited_malloc(size_t size) { return allocation_allowed(size) ? std::malloc(size) : nullptr; }
+// Zeroed: stb_image reads some of its tables before a stream defines them (a JPEG without a
+// DQT segment dequantises by whatever its decoder state held), and zeros make such streams
+// decode the same every time instead of leaking earlier heap contents into the pixels.
+void* limited_malloc(size_t size) {
+  return allocation_allowed(size) ? std::calloc(1, size) : nullptr;
+}
 
 void* limited_realloc(void* block, size_t size) {
   return allocation_allowed(size) ? std::realloc(block, size) : nullptr;
@@ -115,8 +121,9 @@ int64_t remaining_bytes(std::FILE* file) {
 // Byte readers for the header checks below: get() returns -1 at the end of the data.
 class MemoryBytes {
  public:
-  MemoryBytes(const uint8_t* data, int64_t size) : at_(data), end_(data + size) {}
+  MemoryBytes(const uint8_t* data, int64_t size) : begin_(data), at_(data), end_(data + size) {}
   int get() { return at_ < end_ ? *at_++ : -1; }
+  int64_t position() const { return at_ - begin_; }  // bytes read or skipped so far
   bool skip(int64_t n) {
     if (n > end_ - at_) return false;
     at_ += n;
@@ -131,6 +138,7 @@ class MemoryBytes {
   }
 
  private:
+  const uint8_t* begin_;
   const uint8_t* at_;
   const uint8_t* end_;
 };
@@ -164,9 +172,11 @@ class FileBytes {
       at_ = size_;
     }
   }
+  int64_t position() const { return passed_ + static_cast<int64_t>(at_); }
 
  private:
   bool refill() {
+    passed_ += static_cast<int64_t>(size_);
     size_ = std::fread(buffer_, 1, sizeof buffer_, file_);
     at_ = 0;
     return size_ > 0;
@@ -175,6 +185,7 @@ class FileBytes {
   uint8_t buffer_[16384];
   size_t at_ = 0;
   size_t size_ = 0;
+  int64_t passed_ = 0;  // bytes of the chunks before the current one
 };
 
 // What the header walk decides about a stream.
@@ -221,9 +232,10 @@ int undefined_scan_tables(Bytes& in, int64_t* left, bool progressive, const bool
 // the decoder stops on them by itself. Motion-JPEG frames from cameras leave out their DHT and
 // rely on the standard tables (tables 0 and 1 of each class): a stream whose scans use only
 // those is decoded with the standard tables defined first, as other decoders do.
-// The stream's first byte (0xFF) has been read.
+// The stream's first byte (0xFF) has been read. When the walk reaches the end-of-image marker,
+// *end is set to the number of bytes up to and including it: the decoder reads no further.
 template <class Bytes>
-HeaderCheck jpeg_check(Bytes& in) {
+HeaderCheck jpeg_check(Bytes& in, int64_t* end) {
   // The decoder takes any run of 0xFF fill bytes before the start-of-image marker.
   int first = in.get();
   while (first == 0xFF) first = in.get();
@@ -240,6 +252,7 @@ HeaderCheck jpeg_check(Bytes& in) {
     int marker = in.get();
     while (marker == 0xFF) marker = in.get();
     // End of data, byte stuffing, restart markers, TEM and SOI carry no segment.
+    if (marker == 0xD9) *end = in.position();
     if (marker < 0 || marker == 0xD9) return decode();
     if (marker == 0x00 || marker == 0x01 || marker == 0xD8 || (marker >= 0xD0 && marker <= 0xD7)) {
       continue;
@@ -308,10 +321,11 @@ bool pnm_numbers_fit(Bytes& in) {
 }
 
 // Refuses the streams the decoder cannot be trusted with; anything else goes to the decoder.
+// *jpeg_end: as for jpeg_check, left alone for every other stream.
 template <class Bytes>
-HeaderCheck header_check(Bytes& in) {
+HeaderCheck header_check(Bytes& in, int64_t* jpeg_end) {
   const int first = in.get();
-  if (first == 0xFF) return jpeg_check(in);
+  if (first == 0xFF) return jpeg_check(in, jpeg_end);
   if (first == 'P') {
     const int kind = in.get();
     if ((kind == '5' || kind == '6') && !pnm_numbers_fit(in)) return HeaderCheck::kRefuse;
@@ -446,25 +460,31 @@ bool decode_with_standard_tables(const uint8_t* data, int32_t size, DecodedImage
   return decode_checked(copy.get(), size + kAdded, image);
 }
 
-// The rest of a file from the current position, in memory.
-bool read_rest(std::FILE* file, std::unique_ptr<uint8_t[]>* data, int32_t* size) {
-  const int64_t bytes = remaining_bytes(file);
-  if (bytes <= 0) {
-    stbi__err("read failed", "Unable to read file");
-    return false;
-  }
-  if (bytes > INT32_MAX) {
-    stbi__err("too large", "Image too large to decode");
-    return false;
-  }
-  data->reset(new (std::nothrow) uint8_t[bytes]);
-  if (*data == nullptr) {
+// Reads from the file's current position up to `limit` bytes, or to its end when that comes
+// first, into memory. Fails ("too large") when the file goes on past kMaxFileBytes.
+bool read_file(std::FILE* file, int64_t limit, std::vector<uint8_t>* data) {
+  const int64_t cap = std::min(limit, kMaxFileBytes + 1);
+  try {
+    data->reserve(static_cast<size_t>(std::min(cap, std::max<int64_t>(remaining_bytes(file), 1))));
+    size_t size = 0;
+    while (static_cast<int64_t>(size) < cap) {
+      const size_t chunk = static_cast<size_t>(std::min<int64_t>(cap - size, int64_t{1} << 20));
+      data->resize(size + chunk);
+      const size_t got = std::fread(data->data() + size, 1, chunk, file);
+      size += got;
+      if (got < chunk) break;
+    }
+    data->resize(size);
+  } catch (const std::bad_alloc&) {
     stbi__err("outofmem", "Out of memory");
     return false;
   }
-  *size = static_cast<int32_t>(bytes);
-  if (std::fread(data->get(), 1, static_cast<size_t>(bytes), file) != static_cast<size_t>(bytes)) {
+  if (std::ferror(file)) {
     stbi__err("read failed", "Unable to read file");
+    return false;
+  }
+  if (static_cast<int64_t>(data->size()) > kMaxFileBytes) {
+    stbi__err("too large", "Image too large to decode");
     return false;
   }
   return true;
@@ -475,39 +495,30 @@ bool read_rest(std::FILE* file, std::unique_ptr<uint8_t[]>* data, int32_t* size)
 const uint8_t* standard_huffman_segment() { return kStandardTablesSegment.data(); }
 
 bool decode_file(std::FILE* file, DecodedImage* image) {
+  // The file is read into memory once and decoded from there, so the bytes decoded are the
+  // bytes checked even when the file changes meanwhile (a camera still writing it). A first
+  // walk over a JPEG stream finds its end-of-image marker, and nothing past it is read: the
+  // decoder would not look there, and a file padded after it costs no memory. A file that
+  // cannot seek is read whole.
+  int64_t limit = kMaxFileBytes + 1;
   const long start = std::ftell(file);
-  if (start < 0) return false;
-  FileBytes bytes(file);
-  const HeaderCheck check = header_check(bytes);
-  if (std::fseek(file, start, SEEK_SET) != 0) return false;
-  if (check == HeaderCheck::kRefuse) {
-    stbi__err("bad header", "Corrupt image header");
-    return false;
-  }
-  if (check == HeaderCheck::kAddStandardTables) {
-    // The frame header is enough to refuse an oversized image before the file is read whole.
-    int width = 0, height = 0, channels = 0;
-    if (!stbi_info_from_file(file, &width, &height, &channels)) return false;
-    if (!within_decode_limits(width, height)) {
-      stbi__err("too large", "Image too large to decode");
+  if (start >= 0) {
+    FileBytes bytes(file);
+    int64_t jpeg_end = -1;
+    const HeaderCheck check = header_check(bytes, &jpeg_end);
+    if (std::fseek(file, start, SEEK_SET) != 0) {
+      stbi__err("read failed", "Unable to read file");
       return false;
     }
-    std::unique_ptr<uint8_t[]> data;
-    int32_t size = 0;
-    // The bytes read are checked again and decoded from memory, so a file changed between the
-    // two reads is never decoded unchecked.
-    return read_rest(file, &data, &size) && decode_memory(data.get(), size, image);
+    if (check == HeaderCheck::kRefuse) {
+      stbi__err("bad header", "Corrupt image header");
+      return false;
+    }
+    if (jpeg_end > 0) limit = jpeg_end;
   }
-  int width = 0, height = 0, channels = 0;
-  // The header check rewinds the file to where it started.
-  if (!stbi_info_from_file(file, &width, &height, &channels)) return false;
-  if (!within_decode_limits(width, height)) {
-    stbi__err("too large", "Image too large to decode");
-    return false;
-  }
-  const DecodeAllocLimit limit(decode_alloc_limit(width, height, remaining_bytes(file)));
-  stbi_uc* pixels = stbi_load_from_file(file, &width, &height, &channels, 0);
-  return accept(pixels, width, height, channels, image);
+  std::vector<uint8_t> data;
+  if (!read_file(file, limit, &data)) return false;
+  return decode_memory(data.data(), static_cast<int32_t>(data.size()), image);
 }
 
 bool decode_memory(const uint8_t* data, int32_t size, DecodedImage* image) {
@@ -516,7 +527,8 @@ bool decode_memory(const uint8_t* data, int32_t size, DecodedImage* image) {
     return false;
   }
   MemoryBytes bytes(data, size);
-  switch (header_check(bytes)) {
+  int64_t jpeg_end = -1;
+  switch (header_check(bytes, &jpeg_end)) {
     case HeaderCheck::kRefuse:
       stbi__err("bad header", "Corrupt image header");
       return false;

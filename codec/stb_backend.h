@@ -18,6 +18,9 @@ inline constexpr int64_t kMaxDecodePixels = int64_t{1} << 26;  // 64 Mi pixels (
 // 32-pixel JPEG blocks, twice the encoded input (compressed-data staging), and 1 MiB of slack.
 inline constexpr int64_t kDecodeBytesPerPixel = 16;
 inline constexpr int64_t kDecodeSlackBytes = int64_t{1} << 20;
+// The most bytes read from a file for one image. An image within the limits above needs no
+// more: 64 Mi pixels of four 16-bit channels are 512 MiB uncompressed, plus the format's headers.
+inline constexpr int64_t kMaxFileBytes = 8 * kMaxDecodePixels + kDecodeSlackBytes;
 
 // Largest pixel block handed to an encoder: the encoders count bytes in int and grow their
 // output by doubling, so the input stays well below 2 GiB.

@@ -185,15 +185,15 @@ std::vector<uint8_t> encode(zarvel_frame_t* f, int32_t format, int32_t want_stat
   return bytes_of(buffer.get());
 }
 
-// The stream without its DHT segments, as a Motion-JPEG camera sends its frames, and the
-// segments removed.
-std::vector<uint8_t> without_huffman_tables(const std::vector<uint8_t>& jpeg,
-                                            std::vector<uint8_t>* removed) {
+// The stream without its `marker` segments (DHT: as a Motion-JPEG camera sends its frames),
+// and the segments removed.
+std::vector<uint8_t> without_segments(const std::vector<uint8_t>& jpeg, uint8_t marker,
+                                      std::vector<uint8_t>* removed) {
   std::vector<uint8_t> out(jpeg.begin(), jpeg.begin() + 2);
   size_t at = 2;
   while (at + 4 <= jpeg.size() && jpeg[at] == 0xFF && jpeg[at + 1] != 0xDA) {
     const size_t end = at + 2 + (jpeg[at + 2] << 8 | jpeg[at + 3]);
-    std::vector<uint8_t>& to = jpeg[at + 1] == 0xC4 ? *removed : out;
+    std::vector<uint8_t>& to = jpeg[at + 1] == marker ? *removed : out;
     to.insert(to.end(), jpeg.begin() + at, jpeg.begin() + end);
     at = end;
   }
@@ -209,7 +209,7 @@ TEST(CodecLoad, MotionJpegFramesWithoutHuffmanTablesDecode) {
   FramePtr frame = make_frame(ZARVEL_PIXFMT_RGB24, 37, 21);
   const std::vector<uint8_t> jpeg = encode(frame.get(), kJpeg);
   std::vector<uint8_t> tables;
-  const std::vector<uint8_t> bare = without_huffman_tables(jpeg, &tables);
+  const std::vector<uint8_t> bare = without_segments(jpeg, 0xC4, &tables);
   const uint8_t* standard = za::codec::standard_huffman_segment();
   EXPECT_EQ(tables,
             std::vector<uint8_t>(standard, standard + za::codec::kStandardHuffmanSegmentSize));
@@ -219,6 +219,102 @@ TEST(CodecLoad, MotionJpegFramesWithoutHuffmanTablesDecode) {
   ASSERT_TRUE(want && from_memory && from_file);
   EXPECT_EQ(visible_bytes(from_memory.get()), visible_bytes(want.get()));
   EXPECT_EQ(visible_bytes(from_file.get()), visible_bytes(want.get()));
+}
+
+// A file as a camera may present it: `first` until the reader rewinds to the start, `then`
+// from there on, each followed by `padding` zero bytes that take no memory. Counts the bytes
+// it serves.
+struct ChangingFile {
+  std::vector<uint8_t> first, then;
+  int64_t padding = 0;
+  int64_t at = 0, served = 0;
+  bool rewound = false;
+
+  std::FILE* open() {
+    cookie_io_functions_t io{};
+    io.read = [](void* c, char* buf, size_t n) -> ssize_t {
+      auto* f = static_cast<ChangingFile*>(c);
+      const std::vector<uint8_t>& bytes = f->rewound ? f->then : f->first;
+      const int64_t size = static_cast<int64_t>(bytes.size()) + f->padding;
+      const auto got = static_cast<size_t>(std::clamp<int64_t>(size - f->at, 0, int64_t(n)));
+      for (size_t i = 0; i < got; ++i, ++f->at) {
+        buf[i] = f->at < int64_t(bytes.size()) ? static_cast<char>(bytes[f->at]) : 0;
+      }
+      f->served += static_cast<int64_t>(got);
+      return static_cast<ssize_t>(got);
+    };
+    io.seek = [](void* c, off64_t* offset, int whence) {
+      auto* f = static_cast<ChangingFile*>(c);
+      const int64_t size = int64_t((f->rewound ? f->then : f->first).size()) + f->padding;
+      const int64_t to = *offset + (whence == SEEK_CUR ? f->at : whence == SEEK_END ? size : 0);
+      if (to == 0 && f->at > 0) f->rewound = true;
+      *offset = f->at = to;
+      return 0;
+    };
+    return fopencookie(this, "rb", io);
+  }
+};
+
+// A file is decoded from the bytes that were checked: one that turns into a stream the check
+// refuses after the first read is refused, not handed to the decoder. Nothing past a JPEG's
+// end-of-image marker is read, even for Motion-JPEG frames, which are decoded from memory.
+TEST(CodecLoad, FilesAreDecodedFromTheBytesChecked) {
+  FramePtr frame = make_frame(ZARVEL_PIXFMT_RGB24, 37, 21);
+  const std::vector<uint8_t> jpeg = encode(frame.get(), kJpeg);
+  std::vector<uint8_t> tables;
+  const std::vector<uint8_t> bare = without_segments(jpeg, 0xC4, &tables);
+  const auto load = [](ChangingFile& source, za::codec::DecodedImage* image) {
+    std::FILE* file = source.open();
+    const bool decoded = za::codec::decode_file(file, image);
+    std::fclose(file);
+    return decoded;
+  };
+  za::codec::DecodedImage image;
+  ChangingFile changing{jpeg, progressive_jpeg(2, false)};
+  EXPECT_FALSE(load(changing, &image));
+  EXPECT_STREQ(za::codec::decoder_failure_reason(), "bad header");
+  FramePtr want = decode(bare);
+  for (const auto& stream : {jpeg, bare}) {
+    ChangingFile padded{stream, stream, int64_t{1} << 28};
+    ASSERT_TRUE(load(padded, &image));
+    EXPECT_EQ(std::vector<uint8_t>(image.pixels, image.pixels + 37 * 21 * 3),
+              visible_bytes(want.get()));
+    za::codec::decoder_release()(image.pixels);
+    EXPECT_LT(padded.served, 2 * int64_t(stream.size()) + 65536);
+  }
+}
+
+// A stream without quantisation tables decodes as if they were all zero, the same whatever
+// the heap held before: the decoder's tables start zeroed.
+TEST(CodecLoad, JpegWithoutQuantisationTablesDecodesAsIfTheyWereZero) {
+  FramePtr frame = make_frame(ZARVEL_PIXFMT_RGB24, 37, 21);
+  const std::vector<uint8_t> jpeg = encode(frame.get(), kJpeg);
+  std::vector<uint8_t> tables;
+  const std::vector<uint8_t> bare = without_segments(jpeg, 0xDB, &tables);
+  // The same segments with every 8-bit quantiser 0, put back after the start-of-image marker.
+  for (size_t at = 0; at < tables.size();) {
+    const size_t end = at + 2 + (tables[at + 2] << 8 | tables[at + 3]);
+    for (size_t t = at + 4; t < end; t += 65) std::fill_n(tables.begin() + t + 1, 64, 0);
+    at = end;
+  }
+  std::vector<uint8_t> zero = bare;
+  zero.insert(zero.begin() + 2, tables.begin(), tables.end());
+  FramePtr want = decode(zero);
+  ASSERT_TRUE(want);
+  for (const int fill : {0x5A, 0xC3}) {
+    // Freed blocks between kept ones stay in the allocator's free lists with their bytes.
+    std::vector<void*> kept;
+    for (size_t size = 8192; size <= 65536; size += 256) {
+      void* block = std::malloc(size);
+      std::memset(block, fill, size);
+      kept.push_back(std::malloc(64));
+      std::free(block);
+    }
+    FramePtr got = decode(bare);
+    for (void* block : kept) std::free(block);
+    ASSERT_TRUE(got);
+    EXPECT_EQ(visible_bytes(got.get()), visible_bytes(want.get())) << fill;
+  }
 }
 
 // Messages at the failure level only: the encoder's progress notes do not count.
