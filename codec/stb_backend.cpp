@@ -25,11 +25,15 @@ bool allocation_allowed(size_t size) {
   return t_decode_alloc_limit < 0 || size <= static_cast<uint64_t>(t_decode_alloc_limit);
 }
 
-// Zeroed: stb_image reads some of its tables before a stream defines them (a JPEG without a
-// DQT segment dequantises by whatever its decoder state held), and zeros make such streams
-// decode the same every time instead of leaking earlier heap contents into the pixels.
+// Blocks up to 64 KiB (the decoders' state and tables) are zeroed: stb_image reads some of its
+// tables before a stream defines them (a JPEG without a DQT segment dequantises by whatever
+// its state held), and zeros make such streams decode the same every time instead of leaking
+// earlier heap contents into the pixels. Larger blocks are pixel and data buffers, written
+// before they are read; zeroing them would make every hostile header that claims a large
+// image cost the time to clear its buffers.
 void* limited_malloc(size_t size) {
-  return allocation_allowed(size) ? std::calloc(1, size) : nullptr;
+  if (!allocation_allowed(size)) return nullptr;
+  return size <= 65536 ? std::calloc(1, size) : std::malloc(size);
 }
 
 void* limited_realloc(void* block, size_t size) {
