@@ -16,18 +16,6 @@ bool check_even_dimensions(const zarvel_frame_t* frame, const char* name) {
   return false;
 }
 
-bool shares_pixels(const zarvel_frame_t* a, const zarvel_frame_t* b) {
-  if (zarvel_frame_mem_type(a) == ZARVEL_MEM_DEVICE) return false;
-  for (uint64_t i = 0; i < a->plane_count && i < 4; ++i) {
-    for (uint64_t j = 0; j < b->plane_count && j < 4; ++j) {
-      const auto a0 = reinterpret_cast<uintptr_t>(a->plane[i]);
-      const auto b0 = reinterpret_cast<uintptr_t>(b->plane[j]);
-      if (a0 < b0 + b->plane_size[j] && b0 < a0 + a->plane_size[i]) return true;
-    }
-  }
-  return false;
-}
-
 int32_t prepare_output(const zarvel_frame_t* src, zarvel_frame_t** dst, Size2D size,
                        const char* name) {
   if (src == nullptr || dst == nullptr) return kInvalidArgument;
@@ -82,6 +70,20 @@ int32_t is_same_frame_fmt_and_memtype(const zarvel_frame_t* required, const zarv
 }
 
 namespace {
+
+// Do any planes of two host frames overlap in memory? Device frames are processed through
+// separate host copies, so their sharing does no harm.
+bool shares_pixels(const zarvel_frame_t* a, const zarvel_frame_t* b) {
+  if (zarvel_frame_mem_type(a) == ZARVEL_MEM_DEVICE) return false;
+  for (uint64_t i = 0; i < a->plane_count && i < 4; ++i) {
+    for (uint64_t j = 0; j < b->plane_count && j < 4; ++j) {
+      const auto a0 = reinterpret_cast<uintptr_t>(a->plane[i]);
+      const auto b0 = reinterpret_cast<uintptr_t>(b->plane[j]);
+      if (a0 < b0 + b->plane_size[j] && b0 < a0 + a->plane_size[i]) return true;
+    }
+  }
+  return false;
+}
 
 // Frees an output that this operation allocated, leaving the caller's slot null.
 void drop_allocated_output(zarvel_frame_t** dst, bool output_allocated) {
@@ -147,6 +149,18 @@ int32_t dispatch_frame_op(const char* name, zarvel_frame_t* src, zarvel_frame_t*
     drop_allocated_output(dst, output_allocated);
   }
   return status;
+}
+
+int32_t dispatch_unshared_frame_op(const char* name, const char* doing, zarvel_frame_t* src,
+                                   zarvel_frame_t** dst, bool output_allocated, SlotRef slot) {
+  if (*dst == nullptr || !shares_pixels(src, *dst)) {
+    return dispatch_frame_op(name, src, dst, output_allocated, slot);
+  }
+  ZA_LOG(ZARVEL_LOG_ADVICE, "[%s] The output shares pixels with the source, %s a copy.\n", name,
+         doing);
+  FramePtr copy(zarvel_frame_duplicate(src));
+  if (!copy) return kFailed;
+  return dispatch_frame_op(name, copy.get(), dst, output_allocated, slot);
 }
 
 }  // namespace zarvel::aux

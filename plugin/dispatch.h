@@ -25,10 +25,6 @@ int32_t prepare_output(const zarvel_frame_t* src, zarvel_frame_t** dst, Size2D s
 int32_t is_same_frame_fmt_and_memtype(const zarvel_frame_t* required, const zarvel_frame_t* given,
                                       const char* name);
 
-// Do any planes of two host frames overlap in memory? Device frames are processed through
-// separate host copies, so their sharing does no harm and this returns false for them.
-bool shares_pixels(const zarvel_frame_t* a, const zarvel_frame_t* b);
-
 // A non-owning reference to a callable `int32_t(zarvel_frame_t* src, zarvel_frame_t* dst)`.
 class SlotRef {
  public:
@@ -53,5 +49,11 @@ class SlotRef {
 // (`output_allocated`: the slot held null on entry) is freed and *dst set to null.
 int32_t dispatch_frame_op(const char* name, zarvel_frame_t* src, zarvel_frame_t** dst,
                           bool output_allocated, SlotRef slot);
+
+// dispatch_frame_op for slots that write output pixels before they have read all of the
+// source: when *dst shares pixels with a host source, it runs on a copy of the source instead,
+// after the advice "[name] The output shares pixels with the source, <doing> a copy.".
+int32_t dispatch_unshared_frame_op(const char* name, const char* doing, zarvel_frame_t* src,
+                                   zarvel_frame_t** dst, bool output_allocated, SlotRef slot);
 
 }  // namespace zarvel::aux

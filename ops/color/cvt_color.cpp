@@ -68,17 +68,9 @@ int32_t cvt_color(zarvel_frame_t* src, zarvel_frame_t** out, uint32_t dst_format
   const auto slot = [](zarvel_frame_t* s, zarvel_frame_t* d) {
     return host_device_api().cvt_color(s, d);
   };
-  if (!allocated && shares_pixels(src, *out)) {
-    // The kernels write rows and planes before they have read all of the source (YU12 to NV12
-    // in place would overwrite U before reading it), so a shared output is converted from a
-    // copy of the source.
-    ZA_LOG(ZARVEL_LOG_ADVICE, "[%s] The output shares pixels with the source, converting a copy.\n",
-           kCvtColor);
-    FramePtr copy(zarvel_frame_duplicate(src));
-    if (!copy) return kFailed;
-    return dispatch_frame_op(kCvtColor, copy.get(), out, allocated, slot);
-  }
-  return dispatch_frame_op(kCvtColor, src, out, allocated, slot);
+  // The kernels write rows and planes before they have read all of the source (YU12 to NV12 in
+  // place would overwrite U before reading it).
+  return dispatch_unshared_frame_op(kCvtColor, "converting", src, out, allocated, slot);
 }
 
 }  // namespace

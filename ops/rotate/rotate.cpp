@@ -43,16 +43,9 @@ int32_t rotate_frame(zarvel_frame_t* src, zarvel_frame_t** dst, int32_t code) {
   auto slot = [angle](zarvel_frame_t* s, zarvel_frame_t* d) {
     return host_device_api().rotate(s, d, angle);
   };
-  if (shares_pixels(src, *dst)) {
-    // Every output pixel comes from elsewhere in the source, so rotating in place would read
-    // pixels already overwritten: rotate from a copy instead.
-    ZA_LOG(ZARVEL_LOG_ADVICE, "[%s] The output shares pixels with the source, rotating a copy.\n",
-           kRotate);
-    FramePtr copy(zarvel_frame_duplicate(src));
-    if (!copy) return kFailed;
-    return dispatch_frame_op(kRotate, copy.get(), dst, allocated, slot);
-  }
-  return dispatch_frame_op(kRotate, src, dst, allocated, slot);
+  // Every output pixel comes from elsewhere in the source, so rotating in place would read
+  // pixels already overwritten.
+  return dispatch_unshared_frame_op(kRotate, "rotating", src, dst, allocated, slot);
 }
 
 }  // namespace
