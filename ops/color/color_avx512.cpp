@@ -181,9 +181,13 @@ int rgb_to_luma_chroma_row64(const uint8_t* rgb, uint8_t* y, uint8_t* u, uint8_t
   const __m512i stored = load_table(kChromaOrder[static_cast<int>(order)]);
   const PixelTables& t = kChromaPixels<kBgr>;
   const int blocks = width & ~63;
+  // The luma of the whole row first, then the chroma from a second read of its pixels (in
+  // cache by then): the two short loops run at about 25 + 22 cycles per 64 pixels,
+  // one loop that did both at 53, its long chains of permutes and multiplies overlapping
+  // less well (1080p RGB24 -> NV12: 328 us against 355).
+  rgb_to_luma_row64<kBgr>(rgb, y, width);
   for (int x = 0; x < blocks; x += 64) {
     const Pixels64 px(rgb + 3 * x);
-    luma64<kBgr>(px, y + x);
     __m512i su[2], sv[2];
     for (int j = 0; j < 2; ++j) {
       const __m512i r = px.take(t, j, 0, j), g = px.take(t, j, 1, j), b = px.take(t, j, 2, j);
