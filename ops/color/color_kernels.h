@@ -168,6 +168,7 @@ inline uint8_t grey16_map(const Grey16Bounds& b, uint16_t i) {
 // Samples [x0, width) of a row; the samples may be unaligned.
 void grey16_map_row_c(const Grey16Bounds& b, const uint8_t* src, uint8_t* dst, int x0, int width);
 int grey16_map_row_avx2(const Grey16Bounds& b, const uint8_t* src, uint8_t* dst, int width);
+int grey16_map_row_avx512(const Grey16Bounds& b, const uint8_t* src, uint8_t* dst, int width);
 
 // Swaps the two bytes of each of `pairs` chroma pairs.
 void swap_pairs_row_c(const uint8_t* src, uint8_t* dst, int p0, int pairs);

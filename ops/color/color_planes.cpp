@@ -236,11 +236,14 @@ bool grey16_stretch(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_
   // Only samples that occur are mapped, and their bins are not empty: the mapping is the
   // formula alone, no table.
   const Grey16Bounds bounds = grey16_bounds(hist, width, height);
-  const bool avx2 = use_avx2();
+  const bool avx512 = use_avx512(), avx2 = use_avx2();
   for (int32_t r = 0; r < height; ++r) {
     const uint8_t* s = row(src, step, r);
     uint8_t* d = row(dst, dst_stride, r);
-    grey16_map_row_c(bounds, s, d, avx2 ? grey16_map_row_avx2(bounds, s, d, width) : 0, width);
+    // The 512-bit row does 16-sample blocks, the 256-bit row what it can of the rest.
+    int done = avx512 ? grey16_map_row_avx512(bounds, s, d, width) : 0;
+    if (avx2) done += grey16_map_row_avx2(bounds, s + 2 * done, d + done, width - done);
+    grey16_map_row_c(bounds, s, d, done, width);
   }
   return true;
 }
