@@ -213,7 +213,9 @@ int undefined_scan_tables(Bytes& in, int64_t* left, bool progressive, const bool
     get();
     tables[k] = get();
   }
-  const int start = get(), approx = (get(), get());
+  const int start = get();
+  get();  // end of spectral selection
+  const int approx = get();
   if (count > 4) return 0;
   *left -= 1 + 2 * count + 3;
   const bool dc = !progressive || (start == 0 && (approx >> 4) == 0);
