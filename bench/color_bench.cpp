@@ -7,9 +7,9 @@
 #include <zarvel/aux.h>
 
 #include <cstring>
-#include <random>
 #include <vector>
 
+#include "bench/bench_frames.h"
 #include "frame_api/frame_api.h"
 #include "plugin/cpu_features.h"
 
@@ -33,14 +33,7 @@ constexpr uint32_t kNv12 = ZARVEL_PIXFMT_NV12, kNv21 = ZARVEL_PIXFMT_NV21;
 constexpr uint32_t kYu12 = ZARVEL_PIXFMT_YU12;
 constexpr uint32_t kScalar = 0u, kAll = ~0u, kNarrow = za::kCpuAvx | za::kCpuAvx2;
 
-za::FramePtr random_frame(uint32_t format) {
-  za::FramePtr f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, kW, kH, nullptr, 0));
-  std::mt19937 rng(1);
-  for (uint64_t i = 0; i < f->plane_count; ++i) {
-    for (uint64_t k = 0; k < f->plane_size[i]; ++k) f->plane[i][k] = static_cast<uint8_t>(rng());
-  }
-  return f;
-}
+za::FramePtr random_frame(uint32_t format) { return za::bench::random_frame(format, kW, kH); }
 
 int64_t frame_bytes(uint32_t format) { return zarvel_frame_inferred_size(format, kW, kH, nullptr); }
 

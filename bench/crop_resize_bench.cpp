@@ -3,8 +3,7 @@
 #include <benchmark/benchmark.h>
 #include <zarvel/aux.h>
 
-#include <random>
-
+#include "bench/bench_frames.h"
 #include "frame_api/frame_api.h"
 #include "plugin/cpu_features.h"
 
@@ -23,13 +22,7 @@ namespace {
 
 constexpr int kSrcW = 1920, kSrcH = 1080;
 
-za::FramePtr source(uint32_t format) {
-  za::FramePtr f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, kSrcW, kSrcH, nullptr, 0));
-  std::mt19937 rng(7);
-  const int64_t bytes = zarvel_frame_inferred_size(format, kSrcW, kSrcH, nullptr);
-  for (int64_t i = 0; i < bytes; ++i) f->plane[0][i] = static_cast<uint8_t>(rng() >> 7);
-  return f;
-}
+za::FramePtr source(uint32_t format) { return za::bench::random_frame(format, kSrcW, kSrcH, 7); }
 
 void zarvel_resize(benchmark::State& state, uint32_t format, int dw, int dh, uint32_t mask) {
   za::set_cpu_feature_mask(mask);

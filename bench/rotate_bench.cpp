@@ -3,9 +3,9 @@
 #include <benchmark/benchmark.h>
 #include <zarvel/aux.h>
 
-#include <random>
 #include <vector>
 
+#include "bench/bench_frames.h"
 #include "frame_api/frame_api.h"
 #include "plugin/cpu_features.h"
 
@@ -23,14 +23,7 @@ namespace {
 
 constexpr int kW = 1920, kH = 1080;
 
-za::FramePtr random_frame(uint32_t format, int w, int h) {
-  za::FramePtr f(zarvel_frame_alloc(ZARVEL_MEM_HOST, format, w, h, nullptr, 0));
-  std::mt19937 rng(1);
-  for (uint64_t i = 0; i < f->plane_count; ++i) {
-    for (uint64_t k = 0; k < f->plane_size[i]; ++k) f->plane[i][k] = static_cast<uint8_t>(rng());
-  }
-  return f;
-}
+using za::bench::random_frame;
 
 void BM_Zarvel(benchmark::State& state, uint32_t format, int code, uint32_t mask) {
   auto src = random_frame(format, kW, kH);
