@@ -121,7 +121,7 @@ int rgb_to_luma_row_avx2(const uint8_t* rgb, uint8_t* y, int width, bool bgr);
 // row of a block row); returns the pixels done (a multiple of 8), whose blocks are done too.
 int rgb_to_luma_chroma_row_avx2(const uint8_t* rgb, uint8_t* y, uint8_t* u, uint8_t* v, int step,
                                 int width, bool bgr);
-// The same rows 16 pixels a step (need AVX-512 F, BW and VBMI).
+// The same rows 64 pixels a step (need AVX-512 F, BW and VBMI).
 int rgb_to_luma_row_avx512(const uint8_t* rgb, uint8_t* y, int width, bool bgr);
 int rgb_to_luma_chroma_row_avx512(const uint8_t* rgb, uint8_t* y, uint8_t* u, uint8_t* v, int step,
                                   int width, bool bgr);

@@ -275,6 +275,43 @@ TEST(ColorKernels, VectorRowsStayInsideTheirRows) {
   }
 }
 
+// The GREY16 map rows over every sample value at an odd address, with tails of 0, 8, 9 and 15
+// samples, for bounds with samples on both sides (high itself mapping below 255), a one-step
+// range, low above high (wrapped sums can give it) and the all-black bounds: each vector row equals
+// the scalar row on the samples it reports done and leaves the rest for it untouched.
+TEST(ColorKernels, Grey16MapRowsMatchTheScalarRowOverEverySample) {
+  using Row = int (*)(const zc::Grey16Bounds&, const uint8_t*, uint8_t*, int);
+  std::vector<Row> rows;
+  if ((za::cpu_features() & za::kCpuAvx2) != 0) rows.push_back(zc::grey16_map_row_avx2);
+  if ((za::cpu_features() & za::kCpuAvx512Vbmi) != 0) rows.push_back(zc::grey16_map_row_avx512);
+  if (rows.empty()) GTEST_SKIP();
+  Bytes src(1 + 2 * (65536 + 15));
+  for (int i = 0; i < 65536 + 15; ++i) {
+    const uint16_t value = static_cast<uint16_t>(i * 40503);  // odd: every value once
+    std::memcpy(&src[1 + 2 * i], &value, 2);
+  }
+  const zc::Grey16Bounds all_bounds[] = {{1000, 60000, 255.0 / 59001},
+                                         {30000, 30001, 255.0},
+                                         {40000, 20000, 255.0 / -20000},
+                                         {65536, 65535, 0.0}};
+  for (const zc::Grey16Bounds& b : all_bounds) {
+    for (const int tail : {0, 8, 9, 15}) {
+      const int n = 65536 + tail;
+      Bytes expected(n, 0x5a);
+      zc::grey16_map_row_c(b, &src[1], expected.data(), 0, n);
+      for (const Row row : rows) {
+        Bytes out(n, 0x5a);
+        const int done = row(b, &src[1], out.data(), n);
+        ASSERT_TRUE(done >= n - 15 && done <= n) << done;
+        ASSERT_TRUE(std::all_of(out.begin() + done, out.end(), [](uint8_t v) { return v == 0x5a; }))
+            << "written past " << done;
+        zc::grey16_map_row_c(b, &src[1], out.data(), done, n);
+        ASSERT_EQ(out, expected) << "low " << b.low << " high " << b.high << " tail " << tail;
+      }
+    }
+  }
+}
+
 // ---- zarvel_frame_cvt_color ----
 
 constexpr uint32_t kGrey = ZARVEL_PIXFMT_GREY, kGrey16 = ZARVEL_PIXFMT_GREY16;
