@@ -19,14 +19,6 @@
 #include <cstdint>
 #include <utility>
 
-// GCC 12 takes the deliberately undefined pass-through register of some unmasked 512-bit
-// intrinsics for an uninitialised variable once they are inlined here (clang does not know
-// the first of these warnings).
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#pragma GCC diagnostic ignored "-Wuninitialized"
-
 #include "ops/hist/hist_kernels.h"
 
 namespace zarvel::aux::hist {
